@@ -1,0 +1,52 @@
+#pragma once
+
+#include <json/value.h>
+#include <platform/relay.h>
+
+#include <string>
+
+#include "error_codes.h"
+#include "log_unit.h"
+#include "utils.h"
+
+/// What versions 1 and 2 of `set_server_alias` share. Results are web-API codes, `kSuccess` when all went well.
+
+/// Log lines of one version's registration.
+struct AliasLines {
+  LogUnit unit;
+  int registration;
+  int alias;
+  int request;
+  int refusal;
+  int notify;
+};
+
+/// The values of one registration, in the order in which they are made.
+struct AliasCall {
+  VEXA::Relay::RelaydConf conf{kDaemonConfPath};
+  VEXA::Relay::RELAYD_RET registration = kRelayNotSet;
+  Json::Value body{Json::objectValue};
+  VEXA::Relay::AliasRequest request;
+  VEXA::Relay::AliasStatus status;
+  std::string response;
+};
+
+/// True when a line of `alias` is a letter followed by letters, digits, hyphens and backslashes.
+bool IsAlias(const std::string& alias);
+
+/// True when a line of `account` is an e-mail address.
+/// For both the time grows with the square of a long text that does not match, and there is no length limit.
+bool IsAccount(const std::string& account);
+
+/// The code that stands for a failed registration, whose result may read as success.
+int RegistrationError(VEXA::Relay::RELAYD_RET result);
+
+/// Registers the device unless its daemon runs with a server id.
+int EnsureRegistered(const AliasLines& lines, AliasCall& call);
+
+/// Asks the control server for `alias`, with the members of `identity` and the force flag in the request.
+int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Json::Value& identity,
+                 bool force);
+
+/// Records the status of an accepted and stored alias and has the daemon take it up.
+int AnnounceAlias(const AliasLines& lines, AliasCall& call, const std::string& alias);

@@ -1,0 +1,87 @@
+#include "alias.h"
+
+#include <regex.h>
+
+using VEXA::Relay::ALIAS_RET;
+using VEXA::Relay::AliasRequest;
+using VEXA::Relay::RELAYD_RET;
+
+namespace {
+
+// In POSIX brackets the backslash stands for itself, so both patterns accept it too.
+constexpr char kAliasPattern[] = R"(^[a-zA-Z][a-zA-Z0-9\-]*$)";
+constexpr char kAccountPattern[] =
+    R"(^[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+(\.[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+)*)"
+    R"(@([A-Za-z0-9]([A-Za-z0-9\-]*[A-Za-z0-9])?\.)+[A-Za-z]{2,}$)";
+
+constexpr auto kRegisterAlias = static_cast<VEXA::Relay::ALIAS_REQUEST_CMD>(1);
+constexpr auto kAliasKeyExpired = static_cast<ALIAS_RET>(14);
+
+class Pattern {
+ public:
+  explicit Pattern(const char* pattern) : compiled_(regcomp(&regex_, pattern, REG_EXTENDED | REG_NEWLINE) == 0) {}
+  ~Pattern() {
+    if (compiled_) regfree(&regex_);
+  }
+  Pattern(const Pattern&) = delete;
+  Pattern& operator=(const Pattern&) = delete;
+
+  /// A text with a NUL byte matches nothing: the expression sees only what stands before it.
+  bool Matches(const std::string& text) const {
+    return compiled_ && text.find('\0') == std::string::npos && regexec(&regex_, text.c_str(), 0, nullptr, 0) == 0;
+  }
+
+ private:
+  regex_t regex_;
+  bool compiled_;
+};
+
+}  // namespace
+
+bool IsAlias(const std::string& alias) { return Pattern(kAliasPattern).Matches(alias); }
+
+bool IsAccount(const std::string& account) { return Pattern(kAccountPattern).Matches(account); }
+
+int RegistrationError(RELAYD_RET result) {
+  const int code = MapRelayErrorCode(result);
+  return code == kSuccess ? kGeneralError : code;
+}
+
+int EnsureRegistered(const AliasLines& lines, AliasCall& call) {
+  std::string server_id;
+  std::string status;
+  std::string error;
+  VEXA::Relay::Daemon::GetStatus(server_id, status, error, nullptr);
+  if (status != "not_running" && !server_id.empty()) return kSuccess;
+  if (RegisterServerId(call.conf, call.registration)) return kSuccess;
+  return lines.unit.Fail(RegistrationError(call.registration), lines.registration, "%s:%d Register serverid faield");
+}
+
+int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Json::Value& identity,
+                 bool force) {
+  if (!call.conf.alias.SetAliasName(alias)) {
+    return lines.unit.Fail(kGeneralError, lines.alias, "%s:%d Alias set error: %s", alias.c_str());
+  }
+  call.conf.DumpDataForAliasReq(call.body);
+  for (const std::string& member : identity.getMemberNames()) call.body[member] = identity[member];
+  call.body["force"] = force ? "true" : "false";
+  if (!call.request.SetRequest(kRegisterAlias, call.body)) {
+    const std::string body = call.body.toStyledString();
+    return lines.unit.Fail(kGeneralError, lines.request, "%s:%d Alias set error: %s", body.c_str());
+  }
+
+  auto result = static_cast<ALIAS_RET>(0);
+  call.request.Send(result);
+  if (result == kAliasKeyExpired) call.conf.auth.GenerateApiKey();
+  const int code = MapAliasErrorCode(result);
+  AliasRequest::ResponseToString(result, call.response);
+  if (code == kSuccess) return kSuccess;
+  return lines.unit.Fail(code, lines.refusal, "%s:%d Alias request alias: %s ret: %d error: %s", alias.c_str(),
+                         static_cast<int>(result), call.response.c_str());
+}
+
+int AnnounceAlias(const AliasLines& lines, AliasCall& call, const std::string& alias) {
+  call.status.SetStatus(alias, call.response, "", true);
+  if (NotifyVexarelayd() != -1) return kSuccess;
+  return lines.unit.Fail(kGeneralError, lines.notify, "%s:%d Fail to set notify vexarelayd");
+}

@@ -1,0 +1,81 @@
+#include "settings.h"
+
+#include <utility>
+
+#include "error_codes.h"
+#include "utils.h"
+
+using VEXA::Relay::AliasConf;
+using VEXA::Relay::Daemon;
+using VEXA::Relay::KovaConf;
+using VEXA::Relay::ServerConf;
+
+namespace {
+
+constexpr char kPortalDomain[] = "relay.vexa.example";
+
+bool ApplySections(Json::Value document, AliasConf& alias, KovaConf* account) {
+  if (account == nullptr) return SetConfig(std::move(document), "server_alias", alias);
+  return SetConfig(document, "server_alias", alias) && SetConfig(std::move(document), "server_kova", *account);
+}
+
+/// Whether the daemon configuration holds what switching on needs.
+int CheckSettings(const SetLines& lines, AliasConf& alias, KovaConf* account) {
+  Json::Value document(Json::objectValue);
+  if (!ReadJsonFile(kDaemonConfPath, document)) {
+    return lines.unit.Fail(kGeneralError, lines.config, "%s:%d load config failed");
+  }
+  if (!ApplySections(std::move(document), alias, account)) {
+    return lines.unit.Fail(kGeneralError, lines.section, "%s:%d load config failed");
+  }
+  if (alias.GetAliasName().empty() || (account != nullptr && account->GetKovaAccount().empty())) {
+    return lines.unit.Fail(kInvalidRequest, lines.unset, "%s:%d alias name and kova account does not set");
+  }
+  return kSuccess;
+}
+
+}  // namespace
+
+bool DaemonState::HasNetworkError() const { return error == "err_resolv" || error == "err_network"; }
+
+int LoadSettings(const GetLines& lines, DaemonState& daemon, AliasConf& alias, ServerConf& server) {
+  if (!Daemon::GetStatus(daemon.server_id, daemon.status, daemon.error, nullptr)) {
+    return lines.unit.Fail(kGeneralError, lines.daemon, "%s:%d load relayinfo failed");
+  }
+  Daemon::UpdateAlias();
+  Json::Value document(Json::objectValue);
+  if (!ReadJsonFile(kDaemonConfPath, document)) {
+    return lines.unit.Fail(kGeneralError, lines.config, "%s:%d load config failed");
+  }
+  if (!SetConfig(document, "server_alias", alias) || !SetConfig(std::move(document), "server_control", server)) {
+    return lines.unit.Fail(kGeneralError, lines.section, "%s:%d load config failed");
+  }
+  return kSuccess;
+}
+
+void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias,
+                  const std::string& account, const ServerConf& server) {
+  const bool enabled = GetEnabled();
+  payload["server_id"] = daemon.server_id;
+  payload["server_alias"] = alias;
+  payload["kova_account"] = account;
+  payload["domain"] = kPortalDomain;
+  payload["region"] = server.GetRegion();
+  payload["enabled"] = enabled;
+}
+
+int SwitchFeature(const SetLines& lines, VEXA::APIRequest& request, AliasConf& alias, KovaConf* account) {
+  if (!request.HasParam("enabled")) {
+    return lines.unit.Fail(kInvalidRequest, lines.parameter, "%s:%d Invalid parameter");
+  }
+  const bool enabled = request.GetParam("enabled", Json::Value()).asBool();
+  if (enabled) {
+    const int code = CheckSettings(lines, alias, account);
+    if (code != kSuccess) return code;
+  }
+  if (!SetEnabled(enabled)) return lines.unit.Fail(kGeneralError, lines.store, "%s:%d Fail to set config");
+  if (NotifyVexarelayd() == -1) {
+    return lines.unit.Fail(kGeneralError, lines.notify, "%s:%d Fail to set notify vexarelayd");
+  }
+  return kSuccess;
+}
