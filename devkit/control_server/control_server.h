@@ -1,0 +1,33 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <filesystem>
+#include <mutex>
+
+#include "devkit/control_server/loopback_server.h"
+
+namespace desk {
+
+/// The maker's control server as a desk needs it: POST /relay with one JSON command. What it knows lives in
+/// "state.json" of its folder, and "script.json" there makes it misbehave; both may be edited while it runs.
+class ControlServer {
+ public:
+  /// Makes the folder and its first state when they are missing.
+  explicit ControlServer(const std::filesystem::path& folder);
+
+  /// Starts to serve and returns the port. Throws as `LoopbackServer::Start` does.
+  int Start(int port = 0) { return server_.Start(port); }
+
+ private:
+  void Serve(const httplib::Request& request, httplib::Response& response);
+  /// Takes the next step of the script that is for `command`; null when there is none.
+  Json::Value TakeStep(const std::string& command);
+  Json::Value Execute(const Json::Value& request);
+
+  std::filesystem::path folder_;
+  std::mutex mutex_;
+  LoopbackServer server_;
+};
+
+}  // namespace desk

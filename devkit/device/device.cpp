@@ -1,0 +1,115 @@
+#include "devkit/device/device.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include "devkit/device/new_device.h"
+
+namespace desk {
+namespace fs = std::filesystem;
+namespace {
+
+std::atomic<Device*> current{nullptr};
+
+fs::path PrepareRoot(const fs::path& root) {
+  std::error_code error;
+  fs::create_directories(root, error);
+  if (!fs::is_directory(root)) throw std::runtime_error("cannot make the device folder '" + root.string() + "'");
+  const fs::path absolute = fs::canonical(root);
+  if (absolute == "/") throw std::runtime_error("the machine's own root cannot be a desk device; name another folder");
+  if (fs::is_empty(absolute)) {
+    FillNewDevice(absolute);
+  } else if (!fs::is_directory(absolute / "desk")) {
+    throw std::runtime_error("'" + absolute.string() + "' is no desk device; name an empty or a new folder");
+  }
+  return absolute;
+}
+
+void AddStoredFaults(Faults& faults, const fs::path& file) {
+  std::ifstream lines(file);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line.front() == '#') continue;
+    try {
+      faults.Add(line);
+    } catch (const std::invalid_argument& problem) {
+      throw std::runtime_error(file.string() + ": " + problem.what());
+    }
+  }
+}
+
+}  // namespace
+
+Device::Device(const fs::path& root, Clock clock) : root_(PrepareRoot(root)), clock_(clock) {
+  if (fs::is_regular_file(root_ / "desk/faults")) AddStoredFaults(faults, root_ / "desk/faults");
+  Device* none = nullptr;
+  if (!current.compare_exchange_strong(none, this)) throw std::logic_error("this process already has a desk device");
+}
+
+Device::~Device() { current = nullptr; }
+
+Device* Device::Find() { return current; }
+
+Device& Device::Get() {
+  Device* device = current;
+  if (device == nullptr) throw std::logic_error("this process has no desk device");
+  return *device;
+}
+
+fs::path Device::Locate(const std::string& device_path) const {
+  return root_ / fs::path(device_path).relative_path();
+}
+
+std::int64_t Device::Now() const {
+  if (clock_ == Clock::kCounted) return counted_ / 1000;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+void Device::Sleep(std::chrono::microseconds pause) {
+  if (clock_ == Clock::kCounted) {
+    counted_ += pause.count();
+  } else {
+    std::this_thread::sleep_for(pause);
+  }
+}
+
+Json::Value LoadJson(const fs::path& file) {
+  Json::Value document;
+  std::error_code error;
+  if (!fs::is_regular_file(file, error)) return document;
+  try {
+    std::ifstream stream(file);
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &document, nullptr)) return Json::Value();
+  } catch (const std::exception&) {
+    return Json::Value();  // nested too deeply, or the disk fails
+  }
+  return document;
+}
+
+bool StoreText(const fs::path& file, const std::string& text) {
+  static std::atomic<unsigned> count{0};
+  std::error_code error;
+  const fs::file_status status = fs::status(file, error);
+  if (fs::exists(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none) return false;
+
+  const fs::path part = file.string() + ".part-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+  std::ofstream stream(part);
+  stream << text;
+  stream.close();
+  if (stream) fs::rename(part, file, error);
+  if (stream && !error) return true;
+  fs::remove(part, error);
+  return false;
+}
+
+bool StoreJson(const fs::path& file, const Json::Value& document) {
+  return StoreText(file, Json::writeString(Json::StreamWriterBuilder(), document) + "\n");
+}
+
+}  // namespace desk

@@ -1,0 +1,44 @@
+#include "devkit/device/operation.h"
+
+namespace desk {
+
+namespace {
+
+thread_local unsigned unrecorded = 0;
+
+}  // namespace
+
+thread_local unsigned current_call = 0;
+
+Unrecorded::Unrecorded() { ++unrecorded; }
+
+Unrecorded::~Unrecorded() { --unrecorded; }
+
+Operation::Operation(std::string name, Json::Value args) : name_(std::move(name)), recorded_(unrecorded == 0) {
+  if (!recorded_) return;
+  fault_ = Device::Get().faults.Take(name_);
+  line_["call"] = current_call;
+  line_["op"] = name_;
+  line_["args"] = std::move(args);
+}
+
+Operation::~Operation() {
+  if (!recorded_) return;
+  for (const Slot& output : outputs_) line_["out"][output.name] = output.get();
+  if (result_) {
+    line_["result"] = *result_;
+  } else {
+    line_["thrown"] = true;
+  }
+  Trace& trace = Device::Get().trace;
+  trace.HideMembers(line_);
+  trace.Record(line_);
+}
+
+void Operation::ReplaceOutputs() {
+  for (const Slot& output : outputs_) {
+    if (fault_->isMember(output.name)) output.set((*fault_)[output.name]);
+  }
+}
+
+}  // namespace desk

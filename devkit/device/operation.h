@@ -1,0 +1,117 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "devkit/device/device.h"
+
+namespace desk {
+
+/// Number of the web-API call that this thread is serving; 0 outside a call.
+extern thread_local unsigned current_call;
+
+/// While it lives, operations of this thread leave no line and meet no fault: the stand-in asks itself.
+class Unrecorded {
+ public:
+  Unrecorded();
+  ~Unrecorded();
+  Unrecorded(const Unrecorded&) = delete;
+  Unrecorded& operator=(const Unrecorded&) = delete;
+};
+
+/// One call of a platform operation: looks up its fault, does the work, and leaves a line in the trace.
+class Operation {
+ public:
+  explicit Operation(std::string name, Json::Value args = Json::arrayValue);
+  ~Operation();
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
+
+  /// Names an output: a fault can replace it, and the trace shows it as it stands in the end.
+  template <typename Value>
+  Operation& Output(const char* name, Value& value) {
+    outputs_.push_back(
+        {name, [&value] { return ToJson(value); }, [&value](const Json::Value& fault) { value = As<Value>(fault); }});
+    return *this;
+  }
+
+  /// Keeps the result out of the trace.
+  Operation& HideResult() {
+    hidden_ = true;
+    return *this;
+  }
+
+  /// Does `work` unless the fault takes its place, and gives the operation's result.
+  template <typename Work>
+  auto Run(Work work) {
+    using Result = decltype(work());
+    if (fault_ == Json::Value(kThrow)) throw std::runtime_error("fault injected into " + name_);
+    if (fault_ && !fault_->isObject()) return Keep(As<Result>(*fault_));
+    Result result = work();
+    if (fault_) {
+      ReplaceOutputs();
+      if (fault_->isMember("result")) result = As<Result>((*fault_)["result"]);
+    }
+    return Keep(std::move(result));
+  }
+
+ private:
+  struct Slot {
+    const char* name;
+    std::function<Json::Value()> get;
+    std::function<void(const Json::Value&)> set;
+  };
+
+  template <typename Result>
+  static Result As(const Json::Value& value) {
+    if constexpr (std::is_enum_v<Result>) {
+      return static_cast<Result>(value.asInt());
+    } else if constexpr (std::is_same_v<Result, Json::Value>) {
+      return value;
+    } else {
+      return value.as<Result>();
+    }
+  }
+
+  template <typename Value>
+  static Json::Value ToJson(const Value& value) {
+    if constexpr (std::is_enum_v<Value>) {
+      return static_cast<int>(value);
+    } else {
+      return value;
+    }
+  }
+
+  template <typename Result>
+  Result Keep(Result result) {
+    result_ = hidden_ ? Json::Value("(hidden)") : ToJson(result);
+    return result;
+  }
+
+  void ReplaceOutputs();
+
+  std::string name_;
+  bool recorded_;
+  Json::Value line_;
+  std::optional<Json::Value> fault_;
+  std::optional<Json::Value> result_;
+  std::vector<Slot> outputs_;
+  bool hidden_ = false;
+};
+
+/// Makes a trace's list of arguments.
+template <typename... Values>
+Json::Value Args(const Values&... values) {
+  Json::Value args(Json::arrayValue);
+  (args.append(values), ...);
+  return args;
+}
+
+}  // namespace desk

@@ -1,0 +1,93 @@
+#include "devkit/device/trace.h"
+
+#include <json/writer.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+
+namespace desk {
+namespace {
+
+constexpr char kHidden[] = "(hidden)";
+constexpr std::array<std::string_view, 4> kSecretMembers = {"api_key", "auth_key", "kova_password", "token"};
+/// Older ones are forgotten, so that a server's memory does not grow with its calls.
+constexpr size_t kMostSecrets = 1000;
+
+}  // namespace
+
+bool Trace::IsSecret(const std::string& name) {
+  return std::find(kSecretMembers.begin(), kSecretMembers.end(), name) != kSecretMembers.end();
+}
+
+std::string ToLine(const Json::Value& value) {
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  return Json::writeString(writer, value);
+}
+
+void Trace::Record(Json::Value line) {
+  const std::lock_guard lock(mutex_);
+  line = Clean(line);
+  if (sink_) return sink_(line, ToLine(line));
+  lines_.push_back(std::move(line));
+}
+
+void Trace::Hide(const std::string& text) {
+  if (text.empty() || std::find(secrets_.begin(), secrets_.end(), text) != secrets_.end()) return;
+  secrets_.push_back(text);
+  if (secrets_.size() > kMostSecrets) secrets_.pop_front();
+}
+
+void Trace::HideMembers(const Json::Value& value) {
+  if (!value.isObject() && !value.isArray()) return;
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    if (value.isObject() && IsSecret(item.name()) && item->isString()) {
+      const std::lock_guard lock(mutex_);
+      Hide(item->asString());
+    }
+    HideMembers(*item);
+  }
+}
+
+std::vector<Json::Value> Trace::Lines() const {
+  const std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+void Trace::Clear() {
+  const std::lock_guard lock(mutex_);
+  lines_.clear();
+  secrets_.clear();
+}
+
+void Trace::SetSink(Sink sink) {
+  const std::lock_guard lock(mutex_);
+  sink_ = std::move(sink);
+}
+
+Json::Value Trace::Clean(const Json::Value& value) const {
+  if (value.isString()) return Clean(value.asString());
+  if (!value.isObject() && !value.isArray()) return value;
+  Json::Value clean(value.type());
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    if (value.isArray()) {
+      clean.append(Clean(*item));
+    } else {
+      clean[item.name()] = IsSecret(item.name()) ? Json::Value(kHidden) : Clean(*item);
+    }
+  }
+  return clean;
+}
+
+std::string Trace::Clean(std::string text) const {
+  for (const std::string& secret : secrets_) {
+    for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + sizeof(kHidden) - 1)) {
+      text.replace(at, secret.size(), kHidden);
+    }
+  }
+  return text;
+}
+
+}  // namespace desk

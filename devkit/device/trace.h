@@ -1,0 +1,48 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <deque>
+#include <vector>
+
+namespace desk {
+
+/// What the module asked of the device, in order: one JSON object per operation with "call" (number of the
+/// web-API call), "op", "args", and "result" or "thrown". Secrets are replaced by "(hidden)".
+class Trace {
+ public:
+  using Sink = std::function<void(const Json::Value& line, const std::string& text)>;
+
+  /// Adds one line.
+  void Record(Json::Value line);
+
+  /// True for the name of a parameter or member that holds a secret.
+  static bool IsSecret(const std::string& name);
+
+  /// Hides the texts of all members of `value` that hold secrets in all lines from now on, wherever they stand.
+  void HideMembers(const Json::Value& value);
+
+  std::vector<Json::Value> Lines() const;
+  void Clear();
+
+  /// Hands every line to `sink`, as an object and as compact JSON, instead of keeping it.
+  void SetSink(Sink sink);
+
+ private:
+  void Hide(const std::string& text);
+  Json::Value Clean(const Json::Value& value) const;
+  std::string Clean(std::string text) const;
+
+  mutable std::mutex mutex_;
+  std::vector<Json::Value> lines_;
+  std::deque<std::string> secrets_;
+  Sink sink_;
+};
+
+/// A value as one line of JSON.
+std::string ToLine(const Json::Value& value);
+
+}  // namespace desk

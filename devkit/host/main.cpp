@@ -1,0 +1,253 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include <json/reader.h>
+
+#include "devkit/control_server/control_server.h"
+#include "devkit/device/device.h"
+#include "devkit/device/new_device.h"
+#include "devkit/host/rpc_server.h"
+#include "devkit/webapi/module.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+enum ExitCode : int { kDone = 0, kErrorAnswer = 1, kUsage = 2, kModuleFailed = 3 };
+
+struct Options {
+  std::string root = "desk-device";
+  std::string module = (fs::read_symlink("/proc/self/exe").parent_path() / "VEXA.Core.TunnelBridge.so").string();
+  std::string trace;
+  std::vector<std::string> faults;
+  std::string caller = "admin";
+  int control_port = 0;
+  int port = 8480;
+  std::string api;
+  int version = 0;
+  std::string method;
+  std::string params = "{}";
+};
+
+/// A mistake of the person who started the program.
+class UsageError : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// Hands the trace to its file and log lines to people.
+class TraceWriter {
+ public:
+  TraceWriter(desk::Device& device, const std::string& file) : device_(device) {
+    if (file == "-") out_ = &std::cerr;
+    if (!file.empty() && file != "-") {
+      file_.open(file, std::ios::app);
+      if (!file_) throw UsageError("cannot write the trace to '" + file + "'");
+      out_ = &file_;
+    }
+    device_.trace.SetSink([this](const Json::Value& line, const std::string& text) { Write(line, text); });
+  }
+  ~TraceWriter() { device_.trace.SetSink(nullptr); }
+  TraceWriter(const TraceWriter&) = delete;
+  TraceWriter& operator=(const TraceWriter&) = delete;
+
+ private:
+  void Write(const Json::Value& line, const std::string& text) {
+    if (out_ != nullptr) *out_ << text << std::endl;
+    if (line["op"] == "syslog") std::cerr << "log: " << line["args"][1].asString() << std::endl;
+  }
+
+  desk::Device& device_;
+  std::ofstream file_;
+  std::ostream* out_ = nullptr;
+};
+
+/// The device, its control server unless another is named, and its trace.
+struct Desk {
+  explicit Desk(const Options& options) : device(options.root), trace(device, options.trace) {
+    for (const std::string& fault : options.faults) device.faults.Add(fault);
+    device.control_port = options.control_port;
+    if (options.control_port != 0) return;
+    control_server.emplace(device.Root() / "desk/control-server");
+    device.control_port = control_server->Start();
+  }
+
+  desk::Device device;
+  TraceWriter trace;
+  std::optional<desk::ControlServer> control_server;
+};
+
+std::unique_ptr<desk::Module> LoadModule(const Options& options) {
+  return std::make_unique<desk::Module>(options.module);
+}
+
+int WaitForEnd() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  int signal = 0;
+  sigwait(&signals, &signal);
+  return kDone;
+}
+
+/// Threads that start from now on leave the signals that end the program to `WaitForEnd`.
+void BlockEndSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+int List(const Options& options) {
+  const auto module = LoadModule(options);
+  for (const APITableEntry& row : module->Rows()) {
+    Json::Value line;
+    line["api"] = row.api;
+    line["version"] = row.version;
+    line["method"] = row.method;
+    std::cout << desk::ToLine(line) << '\n';
+  }
+  return kDone;
+}
+
+Json::Value ParseParams(const std::string& text) {
+  Json::Value params;
+  std::string problem;
+  try {
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &params, &problem)) {
+      throw UsageError("the parameters are no JSON: " + problem);
+    }
+  } catch (const Json::Exception& error) {
+    throw UsageError(std::string("the parameters cannot be read: ") + error.what());
+  }
+  if (!params.isObject()) throw UsageError("the parameters are no JSON object");
+  return params;
+}
+
+int Call(const Options& options) {
+  const Json::Value params = ParseParams(options.params);
+  const auto module = LoadModule(options);
+  const APIHandler handler = module->Find(options.api, options.version, options.method);
+  if (handler == nullptr) throw UsageError("the module has no such method; `webapi-host list` shows all");
+
+  Desk desk(options);
+  const desk::Outcome outcome = desk::Call(handler, params, options.caller == "admin");
+  for (const std::string& fault : desk.device.faults.Unmet()) {
+    std::cerr << "webapi-host: the fault '" << fault << "' met no call\n";
+  }
+  if (!outcome.Problem().empty()) {
+    std::cerr << "webapi-host: " << options.method << ' ' << outcome.Problem() << '\n';
+    return kModuleFailed;
+  }
+  const desk::Answer& answer = outcome.answers.front();
+  Json::Value line;
+  line["success"] = answer.success;
+  line["data"] = answer.data;
+  if (!answer.success) {
+    line["code"] = answer.code;
+    std::cerr << "webapi-host: " << desk::CodeText(answer.code) << '\n';
+  }
+  std::cout << desk::ToLine(line) << '\n';
+  return answer.success ? kDone : kErrorAnswer;
+}
+
+void StoreToken(const fs::path& file, const std::string& token) {
+  if (!desk::StoreText(file, token + "\n")) throw UsageError("cannot write '" + file.string() + "'");
+  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+}
+
+int Serve(Options options) {
+  BlockEndSignals();
+  const auto module = LoadModule(options);
+  if (options.trace.empty()) options.trace = (fs::path(options.root) / "desk/trace.jsonl").string();
+  Desk desk(options);
+  const std::string token = desk::RandomHex(16);
+  desk::RpcServer server(*module, token);
+  const int port = server.Start(options.port);
+  StoreToken(desk.device.Root() / "desk/admin-token", token);
+  std::cerr << "webapi-host: serving http://127.0.0.1:" << port << "/rpc for the device in " << desk.device.Root()
+            << "\n  control server: 127.0.0.1:" << desk.device.control_port << "\n  trace:          " << options.trace
+            << "\n  admin token:    " << token << "\n  Ctrl-C ends it." << std::endl;
+  return WaitForEnd();
+}
+
+int ServeControl(const Options& options) {
+  BlockEndSignals();
+  desk::ControlServer server(options.root);
+  const int port = server.Start(options.port);
+  std::cerr << "webapi-host: control server on 127.0.0.1:" << port << ", state in " << options.root
+            << "\n  Ctrl-C ends it." << std::endl;
+  return WaitForEnd();
+}
+
+void AddDeviceOptions(CLI::App& command, Options& options) {
+  command.add_option("--root", options.root, "Folder of the desk device; filled when it is new")->capture_default_str();
+  command.add_option("--trace", options.trace, "Append the trace to this file; - for standard error");
+  command.add_option("--fault", options.faults, "Make an operation fail: OPERATION=RESULT[@N[+]]; may be repeated")
+      ->allow_extra_args(false);
+  command.add_option("--control-server", options.control_port, "Loopback port of a control server that runs already")
+      ->check(CLI::Range(1, 65535));
+}
+
+void AddModuleOption(CLI::App& command, Options& options) {
+  command.add_option("--module", options.module, "The module to load")->capture_default_str();
+}
+
+int Run(int argc, char** argv) {
+  Options options;
+  CLI::App app("Loads a web-API module into a desk device and calls its methods.");
+  app.require_subcommand(1);
+
+  CLI::App* list = app.add_subcommand("list", "Show the module's methods, one JSON object a line");
+  AddModuleOption(*list, options);
+
+  CLI::App* call = app.add_subcommand("call", "Call one method and show its answer");
+  AddModuleOption(*call, options);
+  AddDeviceOptions(*call, options);
+  call->add_option("--as", options.caller, "Who calls")->check(CLI::IsMember({"admin", "user"}))->capture_default_str();
+  call->add_option("api", options.api, "API name")->required();
+  call->add_option("version", options.version, "API version")->required();
+  call->add_option("method", options.method, "Method name")->required();
+  call->add_option("params", options.params, "Parameters, a JSON object")->capture_default_str();
+
+  CLI::App* serve = app.add_subcommand("serve", "Serve the methods as JSON-RPC 2.0 over HTTP on the loopback address");
+  AddModuleOption(*serve, options);
+  AddDeviceOptions(*serve, options);
+  serve->add_option("--port", options.port, "Port; 0 for a free one")->check(CLI::Range(0, 65535))->capture_default_str();
+
+  CLI::App* control = app.add_subcommand("control-server", "Serve a control server that several desk devices share");
+  control->add_option("--root", options.root, "Folder of its state")->required();
+  control->add_option("--port", options.port, "Port; 0 for a free one")->check(CLI::Range(0, 65535))->required();
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& problem) {
+    return app.exit(problem) == 0 ? kDone : kUsage;
+  }
+  if (list->parsed()) return List(options);
+  if (call->parsed()) return Call(options);
+  if (serve->parsed()) return Serve(options);
+  return ServeControl(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const desk::ModuleError& problem) {
+    std::cerr << "webapi-host: " << problem.what() << '\n';
+    return kModuleFailed;
+  } catch (const std::exception& problem) {
+    std::cerr << "webapi-host: " << problem.what() << '\n';
+    return kUsage;
+  }
+}

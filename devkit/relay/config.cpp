@@ -1,0 +1,268 @@
+#include <json/value.h>
+#include <platform/relay.h>
+
+#include "devkit/device/new_device.h"
+#include "devkit/device/operation.h"
+#include "devkit/relay/files.h"
+
+namespace desk {
+namespace {
+
+/// The file is there, but holds no JSON object. The stand-in does not replace such a file.
+bool IsBroken(const std::string& device_path) {
+  const std::filesystem::path file = Device::Get().Locate(device_path);
+  std::error_code error;
+  return std::filesystem::exists(file, error) && !LoadJson(file).isObject();
+}
+
+}  // namespace
+
+Json::Value LoadConf(const std::string& device_path) {
+  const Json::Value conf = LoadJson(Device::Get().Locate(device_path));
+  return conf.isObject() ? conf : Json::Value(Json::objectValue);
+}
+
+bool StoreMember(const std::string& device_path, const std::string& section, const std::string& member,
+                 const Json::Value& value) {
+  Device& device = Device::Get();
+  const std::lock_guard lock(device.files);
+  if (IsBroken(device_path)) return false;
+  Json::Value conf = LoadConf(device_path);
+  Json::Value& parent = section.empty() ? conf : conf[section];
+  if (!parent.isObject()) parent = Json::Value(Json::objectValue);
+  parent[member] = value;
+  return StoreJson(device.Locate(device_path), conf);
+}
+
+bool StoreConf(const std::string& device_path, const Json::Value& conf) {
+  Device& device = Device::Get();
+  const std::lock_guard lock(device.files);
+  return !IsBroken(device_path) && StoreJson(device.Locate(device_path), conf);
+}
+
+std::string Text(const Json::Value& object, const std::string& member) {
+  if (!object.isObject() || !object.isMember(member) || !object[member].isString()) return "";
+  return object[member].asString();
+}
+
+std::string ServerUrl(const std::string& host) { return host.empty() ? "" : "http://" + host + "/relay"; }
+
+}  // namespace desk
+
+namespace VEXA {
+namespace Relay {
+
+using desk::Args;
+using desk::Operation;
+using desk::StoreMember;
+using desk::Text;
+
+namespace {
+
+/// Takes a text member of a section, and refuses a section that is none or has another type there.
+bool TakeText(const Json::Value& section, const char* member, std::string& text) {
+  if (!section.isObject()) return false;
+  if (!section.isMember(member)) {
+    text.clear();
+    return true;
+  }
+  if (!section[member].isString()) return false;
+  text = section[member].asString();
+  return true;
+}
+
+/// A constructor leaves a line in the trace, and can be told to throw.
+void RecordConstruction(const char* name, const Json::Value& args = Json::arrayValue) {
+  Operation(name, args).Run([] { return true; });
+}
+
+Json::Value OrNull(const char* text) { return text == nullptr ? Json::Value() : Json::Value(text); }
+
+}  // namespace
+
+AliasConf::AliasConf() { RecordConstruction("AliasConf::AliasConf"); }
+
+bool AliasConf::Overwrite(const Json::Value& section) {
+  return Operation("AliasConf::Overwrite", Args(section)).Run([&] { return TakeText(section, "name", name_); });
+}
+
+bool AliasConf::Verify() {
+  return Operation("AliasConf::Verify").Run([&] { return name_.size() <= 255; });
+}
+
+std::string AliasConf::GetAliasName() const {
+  return Operation("AliasConf::GetAliasName").Run([&] { return name_; });
+}
+
+bool AliasConf::SetAliasName(const std::string& name) {
+  return Operation("AliasConf::SetAliasName", Args(name)).Run([&] {
+    if (name.empty() || name.size() > 255) return false;
+    name_ = name;
+    return true;
+  });
+}
+
+ServerConf::ServerConf(const char* host_text, const char* region) {
+  RecordConstruction("ServerConf::ServerConf", Args(OrNull(host_text), OrNull(region)));
+  if (host_text != nullptr) host = host_text;
+  if (region != nullptr) region_ = region;
+}
+
+bool ServerConf::Overwrite(const Json::Value& section) {
+  return Operation("ServerConf::Overwrite", Args(section)).Run([&] {
+    return TakeText(section, "host", host) && TakeText(section, "region", region_);
+  });
+}
+
+bool ServerConf::Verify() {
+  return Operation("ServerConf::Verify").Run([&] { return !host.empty(); });
+}
+
+std::string ServerConf::GetRegion() const {
+  return Operation("ServerConf::GetRegion").Run([&] { return region_; });
+}
+
+std::string ServerConf::GetUrl(const char* path) const {
+  return Operation("ServerConf::GetUrl", Args(OrNull(path))).Run([&] {
+    return desk::ServerUrl(host) + (path == nullptr ? "" : path);
+  });
+}
+
+KovaConf::KovaConf() : account_(Text(desk::LoadConf(desk::kDaemonConfPath)["server_kova"], "account")) {
+  RecordConstruction("KovaConf::KovaConf");
+}
+
+bool KovaConf::Overwrite(const Json::Value& section) {
+  return Operation("KovaConf::Overwrite", Args(section)).Run([&] { return TakeText(section, "account", account_); });
+}
+
+bool KovaConf::Verify() {
+  return Operation("KovaConf::Verify").Run([] { return true; });
+}
+
+std::string KovaConf::GetKovaAccount() const {
+  return Operation("KovaConf::GetKovaAccount").Run([&] { return account_; });
+}
+
+bool KovaConf::SetKovaAccount(const std::string& account) {
+  return Operation("KovaConf::SetKovaAccount", Args(account)).Run([&] {
+    if (account.empty()) return false;
+    account_ = account;
+    return true;
+  });
+}
+
+bool AuthConf::ReadConf() {
+  return Operation("AuthConf::ReadConf").Run([&] {
+    identity_ = desk::LoadConf(desk::kAuthConfPath);
+    return !Text(identity_, "device").empty();
+  });
+}
+
+bool AuthConf::Write(Json::Value& out, bool with_key) const {
+  Operation operation("AuthConf::Write", Args(with_key));
+  return operation.Output("auth", out).Run([&] {
+    const std::string device = Text(identity_, "device");
+    const std::string key = Text(identity_, "api_key");
+    if (device.empty() || (with_key && key.empty())) return false;
+    out["device"] = device;
+    if (with_key) out["api_key"] = key;
+    return true;
+  });
+}
+
+bool AuthConf::GenerateApiKey() {
+  return Operation("AuthConf::GenerateApiKey").Run([&] {
+    identity_["api_key"] = desk::RandomHex(16);
+    return StoreMember(desk::kAuthConfPath, "", "api_key", identity_["api_key"]);
+  });
+}
+
+UpnpConf::UpnpConf(const char* path) : path_(path), settings_(desk::LoadConf(path)) {
+  RecordConstruction("UpnpConf::UpnpConf", Args(path));
+}
+
+bool UpnpConf::Overwrite(const Json::Value& settings) {
+  return Operation("UpnpConf::Overwrite", Args(settings)).Run([&] {
+    if (!settings.isObject()) return false;
+    if (settings["enabled"].isBool()) settings_["enabled"] = settings["enabled"];
+    if (settings["lease_seconds"].isUInt()) settings_["lease_seconds"] = settings["lease_seconds"];
+    return true;
+  });
+}
+
+bool UpnpConf::WriteConfig() {
+  return Operation("UpnpConf::WriteConfig").Run([&] { return desk::StoreConf(path_, settings_); });
+}
+
+bool UpnpConf::Write(Json::Value& out, bool complete) const {
+  Operation operation("UpnpConf::Write", Args(complete));
+  return operation.Output("settings", out).Run([&] {
+    if (settings_.empty()) return false;
+    out = settings_;
+    return true;
+  });
+}
+
+/// Keeps the construction of the parts out of the trace.
+struct RelaydConf::Loading {
+  desk::Unrecorded unrecorded;
+};
+
+RelaydConf::RelaydConf(const char* path) : RelaydConf(path, Loading()) {
+  RecordConstruction("RelaydConf::RelaydConf", Args(path));
+}
+
+RelaydConf::RelaydConf(const char* path, const Loading&)
+    : register_server(desk::kRegisterHost, nullptr), control_server(nullptr, nullptr), path_(path) {
+  const Json::Value conf = desk::LoadConf(path);
+  server_id = Text(conf, "server_id");
+  register_server.host = conf.isMember("server_register") ? Text(conf["server_register"], "host") : desk::kRegisterHost;
+  control_server.host = Text(conf["server_control"], "host");
+  if (control_server.host.empty()) control_server.host = register_server.host;
+}
+
+bool RelaydConf::WriteServerId(const std::string& path) {
+  return Operation("RelaydConf::WriteServerId", Args(path)).Run([&] {
+    return StoreMember(path.empty() ? path_ : path, "", "server_id", server_id);
+  });
+}
+
+bool RelaydConf::WriteControlServerHost(const std::string& path, const std::string& host) {
+  return Operation("RelaydConf::WriteControlServerHost", Args(path, host)).Run([&] {
+    const desk::Unrecorded unrecorded;
+    const std::string& file = path.empty() ? path_ : path;
+    const std::string region = control_server.GetRegion();
+    if (!StoreMember(file, "server_control", "host", host)) return false;
+    return region.empty() || StoreMember(file, "server_control", "region", region);
+  });
+}
+
+bool RelaydConf::WriteAliasName(const std::string& path, const std::string& name) {
+  return Operation("RelaydConf::WriteAliasName", Args(path, name)).Run([&] {
+    return StoreMember(path.empty() ? path_ : path, "server_alias", "name", name);
+  });
+}
+
+bool RelaydConf::WriteKovaAccount(const std::string& path, const std::string& account) {
+  return Operation("RelaydConf::WriteKovaAccount", Args(path, account)).Run([&] {
+    return StoreMember(path.empty() ? path_ : path, "server_kova", "account", account);
+  });
+}
+
+bool RelaydConf::DumpDataForAliasReq(Json::Value& body) {
+  Operation operation("RelaydConf::DumpDataForAliasReq");
+  return operation.Output("body", body).Run([&] {
+    const desk::Unrecorded unrecorded;
+    const Json::Value identity = desk::LoadConf(desk::kAuthConfPath);
+    body["version"] = 1;
+    body["server_id"] = server_id;
+    body["server_alias"] = alias.GetAliasName();
+    body["auth"]["device"] = Text(identity, "device");
+    body["auth"]["api_key"] = Text(identity, "api_key");
+    return true;
+  });
+}
+
+}  // namespace Relay
+}  // namespace VEXA

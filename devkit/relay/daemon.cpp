@@ -1,0 +1,89 @@
+#include <platform/relay.h>
+
+#include "devkit/device/operation.h"
+#include "devkit/relay/files.h"
+#include "devkit/relay/transfer.h"
+#include "devkit/system/services.h"
+
+namespace VEXA {
+namespace Relay {
+
+using desk::Args;
+using desk::Operation;
+
+namespace {
+
+constexpr char kDaemonService[] = "vexarelayd";
+
+/// The daemon's state as it gives it when asked; status and error state.
+struct State {
+  std::string status;
+  std::string error;
+};
+
+State AskDaemon(const desk::Service& service) {
+  if (!service.running) return {"not_running", ""};
+  if (service.starting) return {"starting", ""};
+  if (!desk::IsControlServerUp()) return {"disconnected", "err_network"};
+  return {"connected", ""};
+}
+
+}  // namespace
+
+bool Daemon::GetStatus(std::string& server_id, std::string& status, std::string& error, const char* socket) {
+  Operation operation("Daemon::GetStatus", Args(socket == nullptr ? Json::Value() : Json::Value(socket)));
+  operation.Output("server_id", server_id).Output("status", status).Output("error", error);
+  return operation.Run([&] {
+    const desk::Service service = desk::FindService(kDaemonService);
+    if (service.enabled && !service.running) return false;
+    const State state = AskDaemon(service);
+    server_id = desk::Text(desk::LoadConf(desk::kDaemonConfPath), "server_id");
+    status = state.status;
+    error = state.error;
+    return true;
+  });
+}
+
+int Daemon::GetStatus(Json::Value& out) {
+  Operation operation("Daemon::GetStatus(Json)");
+  return operation.Output("state", out).Run([&] {
+    const desk::Service service = desk::FindService(kDaemonService);
+    out["status"] = AskDaemon(service).status;
+    return service.starting ? 1 : 0;
+  });
+}
+
+bool Daemon::UpdateAlias() {
+  return Operation("Daemon::UpdateAlias").Run([] { return desk::FindService(kDaemonService).running; });
+}
+
+AliasStatus::AliasStatus() : known_(desk::LoadConf(desk::kAliasStatusPath)) {
+  Operation("AliasStatus::AliasStatus").Run([] { return true; });
+}
+
+AliasStatus::~AliasStatus() = default;
+
+bool AliasStatus::GetStatus(const std::string& alias, std::string& status, std::string& detail) const {
+  Operation operation("AliasStatus::GetStatus", Args(alias));
+  operation.Output("status", status).Output("detail", detail);
+  return operation.Run([&] {
+    if (!known_[alias].isObject()) return false;
+    status = desk::Text(known_[alias], "status");
+    detail = desk::Text(known_[alias], "detail");
+    return true;
+  });
+}
+
+bool AliasStatus::SetStatus(const std::string& alias, const std::string& status, const std::string& detail,
+                            bool store) {
+  return Operation("AliasStatus::SetStatus", Args(alias, status, detail, store)).Run([&] {
+    Json::Value entry(Json::objectValue);
+    entry["status"] = status;
+    entry["detail"] = detail;
+    known_[alias] = entry;
+    return !store || desk::StoreMember(desk::kAliasStatusPath, "", alias, entry);
+  });
+}
+
+}  // namespace Relay
+}  // namespace VEXA

@@ -1,0 +1,244 @@
+#include <curl/curl.h>
+#include <json/reader.h>
+#include <platform/relay.h>
+
+#include "devkit/device/operation.h"
+#include "devkit/relay/files.h"
+#include "devkit/relay/transfer.h"
+
+namespace VEXA {
+namespace Relay {
+
+using desk::Args;
+using desk::Operation;
+using desk::Transfer;
+
+namespace {
+
+/// One error of the control server, and the results of both kinds that stand for it.
+struct ErrorRow {
+  RELAYSERVER_ERR error;
+  RELAYD_RET relay;
+  ALIAS_RET alias;
+};
+
+constexpr ErrorRow kErrors[] = {
+    {RELAYSERVER_OK, RELAYD_OK, ALIAS_OK},
+    {RELAYSERVER_BAD_REQUEST, RELAYD_REQUEST_REFUSED, ALIAS_FAILED},
+    {RELAYSERVER_INTERNAL, RELAYD_SERVER_ERROR, ALIAS_SERVER_ERROR},
+    {RELAYSERVER_BUSY, RELAYD_SERVER_BUSY, ALIAS_SERVER_ERROR},
+    {RELAYSERVER_UNKNOWN_DEVICE, RELAYD_UNKNOWN_DEVICE, ALIAS_UNKNOWN_DEVICE},
+    {RELAYSERVER_KEY_EXPIRED, RELAYD_KEY_EXPIRED, ALIAS_KEY_EXPIRED},
+    {RELAYSERVER_UNKNOWN_ACCOUNT, RELAYD_UNKNOWN_ACCOUNT, ALIAS_UNKNOWN_ACCOUNT},
+    {RELAYSERVER_BAD_PASSWORD, RELAYD_BAD_PASSWORD, ALIAS_BAD_CREDENTIALS},
+    {RELAYSERVER_BAD_AUTH_KEY, RELAYD_BAD_AUTH_KEY, ALIAS_BAD_CREDENTIALS},
+    {RELAYSERVER_BAD_ALIAS, RELAYD_FAILED, ALIAS_BAD_NAME},
+    {RELAYSERVER_ALIAS_TAKEN, RELAYD_FAILED, ALIAS_TAKEN},
+    {RELAYSERVER_NEEDS_FORCE, RELAYD_FAILED, ALIAS_NEEDS_FORCE},
+};
+
+/// The row of an error; an error that no row has counts as one inside the server.
+const ErrorRow& FindError(RELAYSERVER_ERR error) {
+  for (const ErrorRow& row : kErrors) {
+    if (row.error == error) return row;
+  }
+  return FindError(RELAYSERVER_INTERNAL);
+}
+
+RELAYSERVER_ERR ErrorOf(const Json::Value& answer) {
+  if (!answer.isObject() || !answer["error"].isObject()) return RELAYSERVER_OK;
+  const Json::Value& code = answer["error"]["code"];
+  return code.isInt() ? static_cast<RELAYSERVER_ERR>(code.asInt()) : RELAYSERVER_INTERNAL;
+}
+
+RELAYD_RET TransferError(const Transfer& transfer) {
+  switch (transfer.result) {
+    case CURLE_OK:
+      break;
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return RELAYD_RESOLVE_FAILED;
+    case CURLE_WRITE_ERROR:
+      return RELAYD_BAD_ANSWER;
+    case CURLE_FAILED_INIT:
+    case CURLE_OUT_OF_MEMORY:
+      return RELAYD_OUT_OF_RESOURCES;
+    default:
+      return RELAYD_NETWORK_FAILED;
+  }
+  if (transfer.status == 503) return RELAYD_SERVER_BUSY;
+  return transfer.status == 200 ? RELAYD_OK : RELAYD_SERVER_ERROR;
+}
+
+ALIAS_RET AliasError(RELAYD_RET transfer) {
+  switch (transfer) {
+    case RELAYD_RESOLVE_FAILED:
+      return ALIAS_RESOLVE_FAILED;
+    case RELAYD_NETWORK_FAILED:
+      return ALIAS_NETWORK_FAILED;
+    case RELAYD_SERVER_BUSY:
+    case RELAYD_SERVER_ERROR:
+      return ALIAS_SERVER_ERROR;
+    case RELAYD_BAD_ANSWER:
+      return ALIAS_BAD_ANSWER;
+    default:
+      return ALIAS_FAILED;
+  }
+}
+
+bool Parse(const std::string& text, Json::Value& value) {
+  try {
+    return Json::Reader().parse(text, value, false);
+  } catch (const std::exception&) {
+    return false;  // nested too deeply
+  }
+}
+
+/// The host that alias requests go to.
+std::string ControlHost() {
+  const desk::Unrecorded unrecorded;
+  return RelaydConf(desk::kDaemonConfPath).control_server.host;
+}
+
+struct TextRow {
+  int result;
+  const char* text;
+};
+
+constexpr TextRow kAliasTexts[] = {
+    {ALIAS_NONE, "not_requested"},
+    {ALIAS_OK, "registered"},
+    {ALIAS_FAILED, "request_failed"},
+    {ALIAS_TAKEN, "alias_taken"},
+    {ALIAS_UNKNOWN_ACCOUNT, "unknown_account"},
+    {ALIAS_BAD_NAME, "bad_alias"},
+    {ALIAS_RESOLVE_FAILED, "host_not_found"},
+    {ALIAS_NETWORK_FAILED, "network_failed"},
+    {ALIAS_SERVER_ERROR, "server_error"},
+    {ALIAS_BAD_CREDENTIALS, "bad_credentials"},
+    {ALIAS_UNKNOWN_DEVICE, "unknown_device"},
+    {ALIAS_BAD_ANSWER, "bad_answer"},
+    {ALIAS_NEEDS_FORCE, "alias_on_other_device"},
+    {ALIAS_KEY_EXPIRED, "api_key_expired"},
+};
+
+constexpr TextRow kRelayTexts[] = {
+    {RELAYD_OK, "success"},
+    {RELAYD_FAILED, "failed"},
+    {RELAYD_BAD_CONFIG, "bad configuration"},
+    {RELAYD_BAD_COMMAND, "bad command"},
+    {RELAYD_OUT_OF_RESOURCES, "out of resources"},
+    {RELAYD_SERVER_ERROR, "server error"},
+    {RELAYD_RESOLVE_FAILED, "host not found"},
+    {RELAYD_NETWORK_FAILED, "network failed"},
+    {RELAYD_SERVER_BUSY, "server busy"},
+    {RELAYD_REQUEST_REFUSED, "request refused"},
+    {RELAYD_UNKNOWN_DEVICE, "unknown device"},
+    {RELAYD_BAD_ANSWER, "bad answer"},
+    {RELAYD_UNKNOWN_ACCOUNT, "unknown account"},
+    {RELAYD_BAD_PASSWORD, "bad password"},
+    {RELAYD_BAD_AUTH_KEY, "bad auth key"},
+    {RELAYD_KEY_EXPIRED, "api key expired"},
+};
+
+template <size_t Size>
+std::string TextOf(const TextRow (&rows)[Size], int result) {
+  for (const TextRow& row : rows) {
+    if (row.result == result) return row.text;
+  }
+  return "unknown result";
+}
+
+}  // namespace
+
+Request::Request(const std::string& url, const Json::Value& body, bool use_defaults) : url_(url), body_(body) {
+  Operation("Request::Request", Args(url, body, use_defaults)).Run([] { return true; });
+}
+
+bool Request::Set(const std::string& url, const Json::Value& body, bool use_defaults) {
+  return Operation("Request::Set", Args(url, body, use_defaults)).Run([&] {
+    url_ = url;
+    body_ = body;
+    error_ = url.empty() ? RELAYD_BAD_CONFIG : body.isObject() ? RELAYD_OK : RELAYD_BAD_COMMAND;
+    return error_ == RELAYD_OK;
+  });
+}
+
+bool Request::Send() {
+  return Operation("Request::Send").Run([&] {
+    const Transfer transfer = desk::Post(url_, desk::ToLine(body_));
+    transfer_ = transfer.result;
+    answer_ = transfer.answer;
+    error_ = TransferError(transfer);
+    return error_ == RELAYD_OK;
+  });
+}
+
+bool Request::GetResponse(Json::Value& answer) const {
+  Operation operation("Request::GetResponse");
+  return operation.Output("answer", answer).Run([&] {
+    if (Parse(answer_, answer)) return true;
+    error_ = RELAYD_BAD_ANSWER;
+    return false;
+  });
+}
+
+RELAYD_RET Request::GetError() const {
+  return Operation("Request::GetError").Run([&] { return error_; });
+}
+
+int Request::GetCurlResult() const {
+  return Operation("Request::GetCurlResult").Run([&] { return transfer_; });
+}
+
+AliasRequest::AliasRequest() {
+  Operation("AliasRequest::AliasRequest").Run([] { return true; });
+}
+
+bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body) {
+  return Operation("AliasRequest::SetRequest", Args(static_cast<int>(command), body)).Run([&] {
+    if (command != ALIAS_REQUEST_REGISTER || !body.isObject()) return false;
+    body_ = body;
+    body_["command"] = "set_alias";
+    return true;
+  });
+}
+
+bool AliasRequest::Send(ALIAS_RET& result) {
+  Operation operation("AliasRequest::Send");
+  return operation.Output("result", result).Run([&] {
+    const Transfer transfer = desk::Post(desk::ServerUrl(ControlHost()), desk::ToLine(body_));
+    const RELAYD_RET error = TransferError(transfer);
+    Json::Value answer;
+    if (error != RELAYD_OK) {
+      result = AliasError(error);
+    } else if (!Parse(transfer.answer, answer) || !answer.isObject()) {
+      result = ALIAS_BAD_ANSWER;
+    } else {
+      result = FindError(ErrorOf(answer)).alias;
+    }
+    return result == ALIAS_OK;
+  });
+}
+
+bool AliasRequest::ResponseToString(ALIAS_RET result, std::string& text) {
+  Operation operation("AliasRequest::ResponseToString", Args(static_cast<int>(result)));
+  return operation.Output("text", text).Run([&] {
+    text = TextOf(kAliasTexts, result);
+    return true;
+  });
+}
+
+std::string GetErrorStr(RELAYD_RET result) {
+  return Operation("GetErrorStr", Args(static_cast<int>(result))).Run([&] { return TextOf(kRelayTexts, result); });
+}
+
+RELAYSERVER_ERR ParseServerError(const Json::Value& answer) {
+  return Operation("ParseServerError", Args(answer)).Run([&] { return ErrorOf(answer); });
+}
+
+RELAYD_RET RespErrMap(RELAYSERVER_ERR error) {
+  return Operation("RespErrMap", Args(static_cast<int>(error))).Run([&] { return FindError(error).relay; });
+}
+
+}  // namespace Relay
+}  // namespace VEXA

@@ -1,0 +1,107 @@
+#include "devkit/webapi/module.h"
+
+#include <dlfcn.h>
+
+#include <atomic>
+
+#include "devkit/device/operation.h"
+
+/// The framework's own record of a call, behind the request and the response.
+struct VEXA::APICall {
+  const Json::Value& params;
+  bool admin;
+  std::vector<desk::Answer> answers;
+};
+
+namespace desk {
+namespace {
+
+/// A table without an end row shall not be read for ever.
+constexpr size_t kMostRows = 1000;
+
+std::atomic<unsigned> calls{0};
+
+}  // namespace
+
+Module::Module(const std::filesystem::path& file)
+    : library_(dlopen(std::filesystem::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL)) {
+  if (library_ == nullptr) throw ModuleError(std::string("cannot load the module: ") + dlerror());
+  using Entry = const APITableEntry* (*)();
+  const auto entry = reinterpret_cast<Entry>(dlsym(library_, "GetAPITable"));
+  const APITableEntry* row = entry == nullptr ? nullptr : entry();
+  while (row != nullptr && row->api != nullptr && rows_.size() < kMostRows) rows_.push_back(*row++);
+  if (!rows_.empty() && rows_.size() < kMostRows) return;
+  dlclose(library_);
+  throw ModuleError("'" + file.string() + "' hands out no method table through GetAPITable");
+}
+
+Module::~Module() { dlclose(library_); }
+
+APIHandler Module::Find(const std::string& api, int version, const std::string& method) const {
+  for (const APITableEntry& row : rows_) {
+    if (api == row.api && version == row.version && method == row.method) return row.handler;
+  }
+  return nullptr;
+}
+
+std::string Outcome::Problem() const {
+  if (thrown) return "left with an exception: " + *thrown;
+  if (answers.size() == 1) return "";
+  return "answered " + std::to_string(answers.size()) + " times";
+}
+
+Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
+  Device::Get().trace.HideMembers(params);
+  current_call = ++calls;
+  VEXA::APICall call{params, admin, {}};
+  VEXA::APIRequest request(call);
+  VEXA::APIResponse response(call);
+  Outcome outcome;
+  try {
+    handler(&request, &response);
+  } catch (const std::exception& problem) {
+    outcome.thrown = problem.what();
+  } catch (...) {
+    outcome.thrown = "not a std::exception";
+  }
+  current_call = 0;
+  outcome.answers = std::move(call.answers);
+  return outcome;
+}
+
+}  // namespace desk
+
+namespace VEXA {
+
+using desk::Args;
+using desk::Operation;
+
+bool APIRequest::IsAdmin() {
+  return Operation("APIRequest::IsAdmin").Run([this] { return call_->admin; });
+}
+
+bool APIRequest::HasParam(const std::string& name) {
+  return Operation("APIRequest::HasParam", Args(name)).Run([&] { return call_->params.isMember(name); });
+}
+
+Json::Value APIRequest::GetParam(const std::string& name, const Json::Value& fallback) {
+  Operation operation("APIRequest::GetParam", Args(name, fallback));
+  if (desk::Trace::IsSecret(name)) operation.HideResult();
+  return operation.Run([&] { return name.empty() ? call_->params : call_->params.get(name, fallback); });
+}
+
+void APIResponse::SetSuccess(const Json::Value& payload) {
+  Operation("APIResponse::SetSuccess", Args(payload)).Run([&] {
+    call_->answers.push_back({true, 0, payload});
+    return true;
+  });
+}
+
+void APIResponse::SetError(int code, const Json::Value& data) {
+  Operation("APIResponse::SetError", Args(code, data)).Run([&] {
+    call_->answers.push_back({false, code, data});
+    return true;
+  });
+}
+
+}  // namespace VEXA

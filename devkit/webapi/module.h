@@ -1,0 +1,58 @@
+#pragma once
+
+#include <json/value.h>
+#include <platform/webapi.h>
+
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace desk {
+
+/// A module that cannot be loaded or hands out no table; says why.
+class ModuleError : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/// A web-API module in this process. What it was given stays valid as long as the object lives.
+class Module {
+ public:
+  /// Loads `file`. Throws `ModuleError`.
+  explicit Module(const std::filesystem::path& file);
+  ~Module();
+  Module(const Module&) = delete;
+  Module& operator=(const Module&) = delete;
+
+  /// The rows of the method table, without its end row.
+  const std::vector<APITableEntry>& Rows() const { return rows_; }
+
+  /// The handler of a method; null when the table has no such row.
+  APIHandler Find(const std::string& api, int version, const std::string& method) const;
+
+ private:
+  void* library_;
+  std::vector<APITableEntry> rows_;
+};
+
+/// What a handler answered: success with a payload, or an error code with data.
+struct Answer {
+  bool success;
+  int code;
+  Json::Value data;
+};
+
+/// How one call went. A handler that keeps its contract gives one answer, or leaves with an exception.
+struct Outcome {
+  std::vector<Answer> answers;
+  std::optional<std::string> thrown;
+
+  /// What is wrong about it; empty when there is exactly one answer.
+  std::string Problem() const;
+};
+
+/// Calls a handler for a caller who sent `params`, an object.
+Outcome Call(APIHandler handler, const Json::Value& params, bool admin);
+
+}  // namespace desk
