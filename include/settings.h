@@ -34,8 +34,8 @@ int LoadSettings(const GetLines& lines, DaemonState& daemon, VEXA::Relay::AliasC
                  VEXA::Relay::ServerConf& server);
 
 /// Fills `payload` with the six members of the settings payload; reads the feature switch.
-void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias,
-                  const std::string& account, const VEXA::Relay::ServerConf& server);
+void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias, const std::string& account,
+                  const VEXA::Relay::ServerConf& server);
 
 /// Log lines of one version's `set`.
 struct SetLines {

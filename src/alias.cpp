@@ -10,9 +10,8 @@ namespace {
 
 // In POSIX brackets the backslash stands for itself, so both patterns accept it too.
 constexpr char kAliasPattern[] = R"(^[a-zA-Z][a-zA-Z0-9\-]*$)";
-constexpr char kAccountPattern[] =
-    R"(^[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+(\.[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+)*)"
-    R"(@([A-Za-z0-9]([A-Za-z0-9\-]*[A-Za-z0-9])?\.)+[A-Za-z]{2,}$)";
+constexpr char kAccountPattern[] = R"(^[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+(\.[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+)*)"
+                                   R"(@([A-Za-z0-9]([A-Za-z0-9\-]*[A-Za-z0-9])?\.)+[A-Za-z]{2,}$)";
 
 constexpr auto kRegisterAlias = static_cast<VEXA::Relay::ALIAS_REQUEST_CMD>(1);
 constexpr auto kAliasKeyExpired = static_cast<ALIAS_RET>(14);

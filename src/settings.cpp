@@ -53,8 +53,8 @@ int LoadSettings(const GetLines& lines, DaemonState& daemon, AliasConf& alias, S
   return kSuccess;
 }
 
-void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias,
-                  const std::string& account, const ServerConf& server) {
+void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias, const std::string& account,
+                  const ServerConf& server) {
   const bool enabled = GetEnabled();
   payload["server_id"] = daemon.server_id;
   payload["server_alias"] = alias;

@@ -108,16 +108,33 @@ bool FailAnswer(const Json::Value& answer, RELAYD_RET result, int line) {
 }  // namespace
 
 const ErrorCodeRow grgRelayErrorCodeMap[17] = {
-    {0, kSuccess},       {8, 2905},           {5, 2905},           {6, kNetworkError},  {7, kNetworkError},
-    {10, 2903},          {12, 2903},          {13, 2903},          {14, 2903},          {9, kGeneralError},
-    {15, kGeneralError}, {11, kGeneralError}, {1, kGeneralError},  {2, kGeneralError},  {3, kGeneralError},
-    {4, kGeneralError},  {kMapEnd, kGeneralError},
+    {0, kSuccess},
+    {8, 2905},
+    {5, 2905},
+    {6, kNetworkError},
+    {7, kNetworkError},
+    {10, 2903},
+    {12, 2903},
+    {13, 2903},
+    {14, 2903},
+    {9, kGeneralError},
+    {15, kGeneralError},
+    {11, kGeneralError},
+    {1, kGeneralError},
+    {2, kGeneralError},
+    {3, kGeneralError},
+    {4, kGeneralError},
+    {kMapEnd, kGeneralError},
 };
 
 const ErrorCodeRow grgAliasErrorCodeMap[14] = {
-    {1, kSuccess}, {5, kInvalidRequest}, {6, kNetworkError}, {7, kNetworkError},  {3, 2904},
-    {12, 2906},    {8, 2905},            {4, 2903},          {9, 2903},           {10, 2903},
-    {2, kGeneralError}, {11, kGeneralError}, {14, kGeneralError}, {kMapEnd, kGeneralError},
+    {1, kSuccess},       {5, kInvalidRequest},
+    {6, kNetworkError},  {7, kNetworkError},
+    {3, 2904},           {12, 2906},
+    {8, 2905},           {4, 2903},
+    {9, 2903},           {10, 2903},
+    {2, kGeneralError},  {11, kGeneralError},
+    {14, kGeneralError}, {kMapEnd, kGeneralError},
 };
 
 int MapRelayErrorCode(RELAYD_RET result) { return MapErrorCode(grgRelayErrorCodeMap, static_cast<int>(result)); }

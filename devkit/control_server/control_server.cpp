@@ -177,8 +177,8 @@ bool OnlyDelays(const Json::Value& step) {
 
 void Delay(const Json::Value& step) {
   if (!step["delay_ms"].isUInt()) return;
-  std::this_thread::sleep_for(std::min<std::chrono::milliseconds>(
-      std::chrono::milliseconds(step["delay_ms"].asUInt()), kMostDelay));
+  std::this_thread::sleep_for(
+      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(step["delay_ms"].asUInt()), kMostDelay));
 }
 
 }  // namespace

@@ -61,9 +61,7 @@ Device& Device::Get() {
   return *device;
 }
 
-fs::path Device::Locate(const std::string& device_path) const {
-  return root_ / fs::path(device_path).relative_path();
-}
+fs::path Device::Locate(const std::string& device_path) const { return root_ / fs::path(device_path).relative_path(); }
 
 std::int64_t Device::Now() const {
   if (clock_ == Clock::kCounted) return counted_ / 1000;

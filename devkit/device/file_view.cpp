@@ -1,8 +1,13 @@
-// The device's view of this machine: the file functions, the system log and the pause that a module calls,
-// defined in the executable so that they stand before the C library's. Absolute paths of the device lead
-// below the device's root folder; every other path, and every process without a device, is left alone.
+// The device's view of this machine: the functions of other libraries that a module calls, defined in the
+// executable so that they stand before the real ones. Absolute paths of the device lead below the device's
+// root folder; every other path, every process without a device, and what is called outside a web-API call
+// is left alone.
+
+#define OPENSSL_SUPPRESS_DEPRECATED
 
 #include <dlfcn.h>
+#include <openssl/md5.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -57,6 +62,13 @@ Result FileFunction(const char* name, const Json::Value& args, Result failure, W
   return result;
 }
 
+/// Does `work`; inside a web-API call as an operation that is traced and can fail.
+template <typename Work>
+int Traced(const char* name, const Json::Value& args, Work work) {
+  if (desk::current_call == 0) return work();
+  return desk::Operation(name, args).Run(work);
+}
+
 FILE* Open(const char* path, const char* mode, FILE* (*open)(const char*, const char*)) {
   if (!IsOfDevice(path)) return open(path, mode);
   const std::string place = Locate(path);
@@ -106,10 +118,43 @@ int chmod(const char* path, mode_t mode) noexcept {
 
 int usleep(useconds_t microseconds) {
   static const auto real = Real("usleep", &usleep);
-  if (Device::Find() == nullptr) return real(microseconds);
+  if (desk::current_call == 0) return real(microseconds);
   Device::Get().Sleep(std::chrono::microseconds(microseconds));
   Record("usleep", Args(microseconds), 0);
   return 0;
+}
+
+int regcomp(regex_t* regex, const char* pattern, int flags) {
+  static const auto real = Real("regcomp", &regcomp);
+  return Traced("regcomp", Args(pattern, flags), [&] { return real(regex, pattern, flags); });
+}
+
+int regexec(const regex_t* regex, const char* text, size_t matches, regmatch_t* positions, int flags) {
+  static const auto real = Real("regexec", &regexec);
+  return Traced("regexec", Args(text, flags), [&] { return real(regex, text, matches, positions, flags); });
+}
+
+void regfree(regex_t* regex) {
+  static const auto real = Real("regfree", &regfree);
+  Traced("regfree", Args(), [&] {
+    real(regex);
+    return 0;
+  });
+}
+
+int MD5_Init(MD5_CTX* context) {
+  static const auto real = Real("MD5_Init", &MD5_Init);
+  return Traced("MD5_Init", Args(), [&] { return real(context); });
+}
+
+int MD5_Update(MD5_CTX* context, const void* data, size_t size) {
+  static const auto real = Real("MD5_Update", &MD5_Update);
+  return Traced("MD5_Update", Args(Json::UInt64(size)), [&] { return real(context, data, size); });
+}
+
+int MD5_Final(unsigned char* digest, MD5_CTX* context) {
+  static const auto real = Real("MD5_Final", &MD5_Final);
+  return Traced("MD5_Final", Args(), [&] { return real(digest, context); });
 }
 
 void syslog(int priority, const char* format, ...) {

@@ -75,10 +75,8 @@ void FillNewDevice(const fs::path& root) {
   store_json("usr/vexa/etc/vexarelayd/upnp.conf", Object({{"enabled", true}, {"lease_seconds", 3600}}));
   store_json("usr/vexa/etc/vexarelayd/auth.conf",
              Object({{"device", "desk-" + RandomHex(4)}, {"api_key", RandomHex(16)}}));
-  store_json("usr/vexa/etc/kova/account.json", Object({{"name", kOwner.name},
-                                                       {"id", kOwner.id},
-                                                       {"auth_key", kOwner.auth_key},
-                                                       {"email", kOwner.name}}));
+  store_json("usr/vexa/etc/kova/account.json",
+             Object({{"name", kOwner.name}, {"id", kOwner.id}, {"auth_key", kOwner.auth_key}, {"email", kOwner.name}}));
   store("usr/vexa/bin/vexakova", kAccountTool);
   fs::permissions(root / "usr/vexa/bin/vexakova", fs::perms(0755));
   store_json("desk/services.json", ServiceStates());

@@ -2,10 +2,10 @@
 
 #include <json/value.h>
 
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <deque>
 #include <vector>
 
 namespace desk {

@@ -221,7 +221,9 @@ int Run(int argc, char** argv) {
   CLI::App* serve = app.add_subcommand("serve", "Serve the methods as JSON-RPC 2.0 over HTTP on the loopback address");
   AddModuleOption(*serve, options);
   AddDeviceOptions(*serve, options);
-  serve->add_option("--port", options.port, "Port; 0 for a free one")->check(CLI::Range(0, 65535))->capture_default_str();
+  serve->add_option("--port", options.port, "Port; 0 for a free one")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
 
   CLI::App* control = app.add_subcommand("control-server", "Serve a control server that several desk devices share");
   control->add_option("--root", options.root, "Folder of its state")->required();

@@ -152,8 +152,7 @@ void RpcServer::Serve(const httplib::Request& request, httplib::Response& respon
   }
   const bool admin = request.get_header_value("Authorization") == "Bearer " + admin_token_;
   const bool readable = problem.empty();
-  const Json::Value reply =
-      readable ? Dispatch(module_, body, admin) : ErrorReply(Json::Value(), kParseError, problem);
+  const Json::Value reply = readable ? Dispatch(module_, body, admin) : ErrorReply(Json::Value(), kParseError, problem);
   const bool is_notification = readable && body.isObject() && !body.isMember("id") && !FindFault(body);
   if (is_notification) {
     response.status = 204;

@@ -205,7 +205,7 @@ bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body
 
 bool AliasRequest::Send(ALIAS_RET& result) {
   Operation operation("AliasRequest::Send");
-  return operation.Output("result", result).Run([&] {
+  return operation.Output("alias_result", result).Run([&] {
     const Transfer transfer = desk::Post(desk::ServerUrl(ControlHost()), desk::ToLine(body_));
     const RELAYD_RET error = TransferError(transfer);
     Json::Value answer;

@@ -136,11 +136,15 @@ int VLIBCINFOSetKeyValue(const char* key, const char* value) {
 }
 
 int VLIBServiceIsRunning(const char* service) {
-  return Operation("VLIBServiceIsRunning", Args(service)).Run([&] { return desk::FindService(service).running ? 1 : 0; });
+  return Operation("VLIBServiceIsRunning", Args(service)).Run([&] {
+    return desk::FindService(service).running ? 1 : 0;
+  });
 }
 
 int VLIBServiceIsEnabled(const char* service) {
-  return Operation("VLIBServiceIsEnabled", Args(service)).Run([&] { return desk::FindService(service).enabled ? 1 : 0; });
+  return Operation("VLIBServiceIsEnabled", Args(service)).Run([&] {
+    return desk::FindService(service).enabled ? 1 : 0;
+  });
 }
 
 int VLIBServiceStart(const char* service, int flags) {

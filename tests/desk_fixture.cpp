@@ -1,0 +1,117 @@
+#include "tests/desk_fixture.h"
+
+#include <json/reader.h>
+#include <stdlib.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace desk {
+namespace fs = std::filesystem;
+
+const Module& TheModule() {
+  static const Module module(MODULE_FILE);
+  return module;
+}
+
+APIHandler FindHandler(const std::string& method) {
+  const size_t last = method.rfind('/');
+  const size_t first = method.rfind('/', last - 1);
+  const std::string sub_api = first == std::string::npos ? "" : "." + method.substr(0, first);
+  const std::string version = method.substr(first == std::string::npos ? 0 : first + 1, 1);
+  return TheModule().Find("VEXA.Core.TunnelBridge" + sub_api, std::stoi(version), method.substr(last + 1));
+}
+
+Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  if (!Json::Reader().parse(text, value, false)) ADD_FAILURE() << "the test holds broken JSON: " << text;
+  return value;
+}
+
+DeskTest::DeskTest() {
+  std::string pattern = (fs::temp_directory_path() / "desk-XXXXXX").string();
+  root_ = mkdtemp(pattern.data());
+  device = std::make_unique<Device>(root_, Device::Clock::kCounted);
+}
+
+DeskTest::~DeskTest() {
+  control_server.reset();
+  device.reset();
+  fs::remove_all(root_);
+}
+
+Outcome DeskTest::TryMethod(const std::string& method, const Json::Value& params, bool admin) {
+  device->trace.Clear();
+  return Call(FindHandler(method), params, admin);
+}
+
+Answer DeskTest::CallMethod(const std::string& method, const std::string& params, bool admin) {
+  const Outcome outcome = TryMethod(method, ParseJson(params), admin);
+  EXPECT_EQ(outcome.Problem(), "") << method;
+  return outcome.answers.empty() ? Answer{false, -1, Json::Value()} : outcome.answers.front();
+}
+
+std::vector<std::string> DeskTest::Logs() const {
+  constexpr int kDebug = 7;
+  std::vector<std::string> logs;
+  for (const Json::Value& line : device->trace.Lines()) {
+    if (line["op"] != "syslog") continue;
+    logs.push_back((line["args"][0] == kDebug ? "debug " : "") + line["args"][1].asString());
+  }
+  return logs;
+}
+
+std::vector<std::string> DeskTest::Operations() const {
+  std::vector<std::string> operations;
+  for (const Json::Value& line : device->trace.Lines()) {
+    const std::string operation = line["op"].asString();
+    if (operation != "syslog" && operation.rfind("API", 0) != 0) operations.push_back(operation);
+  }
+  return operations;
+}
+
+Json::Value DeskTest::Find(const std::string& operation) const {
+  for (const Json::Value& line : device->trace.Lines()) {
+    if (line["op"] == operation) return line;
+  }
+  return Json::Value();
+}
+
+unsigned DeskTest::Count(const std::string& operation) const {
+  unsigned count = 0;
+  for (const Json::Value& line : device->trace.Lines()) count += line["op"] == operation ? 1 : 0;
+  return count;
+}
+
+void DeskTest::StartControlServer() {
+  control_server = std::make_unique<ControlServer>(Path("desk/control-server"));
+  device->control_port = control_server->Start();
+}
+
+void DeskTest::Script(const std::string& steps) {
+  StartControlServer();
+  Write("desk/control-server/script.json", steps);
+}
+
+Json::Value DeskTest::ServerState() const { return ReadJson("desk/control-server/state.json"); }
+
+void DeskTest::Write(const std::string& file, const std::string& text) const { std::ofstream(Path(file)) << text; }
+
+std::string DeskTest::Read(const std::string& file) const {
+  std::ostringstream text;
+  text << std::ifstream(Path(file)).rdbuf();
+  return text.str();
+}
+
+std::map<std::string, std::string> DeskTest::Snapshot() const {
+  std::map<std::string, std::string> files;
+  for (const char* folder : {"usr", "etc"}) {
+    for (const auto& entry : fs::recursive_directory_iterator(Path(folder))) {
+      const std::string name = fs::relative(entry.path(), device->Root()).string();
+      if (entry.is_regular_file()) files[name] = Read(name);
+    }
+  }
+  return files;
+}
+
+}  // namespace desk

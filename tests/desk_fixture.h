@@ -1,0 +1,84 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/value.h>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "devkit/control_server/control_server.h"
+#include "devkit/device/device.h"
+#include "devkit/webapi/module.h"
+
+namespace desk {
+
+constexpr char kConf[] = "usr/vexa/etc/vexarelayd/vexarelayd.conf";
+constexpr char kServices[] = "usr/vexa/etc/vexarelayd/services.conf";
+constexpr char kUpnp[] = "usr/vexa/etc/vexarelayd/upnp.conf";
+constexpr char kSettings[] = "etc/vexainfo.conf";
+constexpr char kAccount[] = "usr/vexa/etc/kova/account.json";
+
+/// A daemon configuration with an alias and an account.
+constexpr char kReadyConf[] = R"({"server_id": "7", "server_alias": {"name": "mybox"},
+  "server_control": {"host": "eu.control.vexa.example", "region": "eu"},
+  "server_kova": {"account": "owner@vexa.example"}})";
+
+/// Parameters that `set_server_alias` accepts.
+constexpr char kAliasV1[] =
+    R"({"server_alias": "mybox", "kova_account": "owner@vexa.example", "kova_password": "owner-password"})";
+constexpr char kAliasV2[] = R"({"server_alias": "mybox"})";
+constexpr char kPasswordDigest[] = "7d65e1f9862de8d6292ba4888e7c3349";
+
+/// A new desk device in a folder of its own, the built module, and no control server until one is started.
+/// Pauses are counted, not slept.
+class DeskTest : public testing::Test {
+ protected:
+  DeskTest();
+  ~DeskTest() override;
+
+  /// Calls a method, named as in "1/get", "Upnp/1/set"; expects exactly one answer and returns it.
+  Answer CallMethod(const std::string& method, const std::string& params = "{}", bool admin = true);
+  /// Calls a method and returns how that went.
+  Outcome TryMethod(const std::string& method, const Json::Value& params, bool admin = true);
+
+  /// Log lines of the last call, "debug " before those of debug priority.
+  std::vector<std::string> Logs() const;
+  /// Names of the operations of the last call, in order, without those of the framework and the log.
+  std::vector<std::string> Operations() const;
+  /// The trace line of the last call's first operation of that name; null when there was none.
+  Json::Value Find(const std::string& operation) const;
+  unsigned Count(const std::string& operation) const;
+
+  void StartControlServer();
+  /// What the control server does with its next requests.
+  void Script(const std::string& steps);
+  Json::Value ServerState() const;
+
+  void Write(const std::string& file, const std::string& text) const;
+  std::string Read(const std::string& file) const;
+  Json::Value ReadJson(const std::string& file) const { return LoadJson(Path(file)); }
+  bool Exists(const std::string& file) const { return std::filesystem::exists(Path(file)); }
+  std::filesystem::path Path(const std::string& file) const { return device->Root() / file; }
+
+  /// All files of the device, the desk's own left out, with their content.
+  std::map<std::string, std::string> Snapshot() const;
+
+  std::unique_ptr<Device> device;
+  std::unique_ptr<ControlServer> control_server;
+
+ private:
+  std::filesystem::path root_;
+};
+
+/// The built module.
+const Module& TheModule();
+
+/// The handler of a method named as `CallMethod` takes it.
+APIHandler FindHandler(const std::string& method);
+
+Json::Value ParseJson(const std::string& text);
+
+}  // namespace desk

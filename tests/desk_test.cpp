@@ -1,0 +1,96 @@
+// The desk device itself: its folder, its faults, its trace, its settings file and services.
+
+#include <platform/system.h>
+
+#include <stdexcept>
+
+#include "tests/desk_fixture.h"
+
+namespace desk {
+namespace {
+
+TEST_F(DeskTest, FaultsAreMetByTheCallsTheyName) {
+  device->faults.Add("VLIBServiceReload=7@2");
+  device->faults.Add("VLIBServiceReload=9@4+");
+  std::vector<int> results;
+  for (int call = 1; call <= 5; ++call) results.push_back(VLIBServiceReload("support-remote-access"));
+  EXPECT_EQ(results, (std::vector<int>{0, 7, 0, 9, 9}));
+
+  device->faults.Add("VLIBServiceStop=throw");
+  device->faults.Add("VLIBServiceStrat=1");
+  EXPECT_THROW(VLIBServiceStop("vexarelayd", 0), std::runtime_error);
+  EXPECT_EQ(device->faults.Unmet(), std::vector<std::string>{"VLIBServiceStrat=1"});
+}
+
+TEST_F(DeskTest, AFaultThatIsNoneIsRefused) {
+  for (const char* text :
+       {"", "name", "=1", "name=", "name=nothing", "rename=1", "rename=ENONSENSE", "name=1@0", "name=1@9999999"}) {
+    EXPECT_THROW(device->faults.Add(text), std::invalid_argument) << text;
+  }
+}
+
+TEST_F(DeskTest, StoredFaultsAreReadWithTheDevice) {
+  Write("desk/faults", "# a comment\n\nVLIBServiceReload=5\n");
+  const auto root = device->Root();
+  device.reset();
+  device = std::make_unique<Device>(root);
+  EXPECT_EQ(VLIBServiceReload("vexarelayd"), 5);
+  Write("desk/faults", "nonsense\n");
+  device.reset();
+  EXPECT_THROW(Device{root}, std::runtime_error);
+}
+
+TEST_F(DeskTest, TheSettingsFileKeepsItsOtherLines) {
+  Write(kSettings, "# first\nrunrelayd=\"maybe\"\nother=\"1\"\nrunrelayd=\"twice\"\n");
+  EXPECT_EQ(VLIBCINFOSetKeyValue("runrelayd", "yes"), 0);
+  EXPECT_EQ(Read(kSettings), "# first\nrunrelayd=\"yes\"\nother=\"1\"\n");
+  EXPECT_EQ(VLIBCINFOSetKeyValue("new", "2"), 0);
+  EXPECT_EQ(Read(kSettings), "# first\nrunrelayd=\"yes\"\nother=\"1\"\nnew=\"2\"\n");
+
+  char value[4] = {};
+  EXPECT_GE(VLIBCFileGetKeyValue("/etc/vexainfo.conf", "runrelayd", value, sizeof(value), 0), 1);
+  EXPECT_STREQ(value, "yes");
+  EXPECT_EQ(VLIBCFileGetKeyValue("/etc/vexainfo.conf", "run", value, sizeof(value), 0), 0);
+  std::filesystem::permissions(Path(kSettings), std::filesystem::perms::owner_read);
+  EXPECT_LT(VLIBCINFOSetKeyValue("new", "3"), 0) << "write-protected, for the superuser too";
+}
+
+TEST_F(DeskTest, ABrokenFileOfTheRelayLibraryIsNotReplaced) {
+  Write(kUpnp, "{");
+  EXPECT_EQ(CallMethod("Upnp/1/set", R"({"enabled": true})").code, 2900);
+  EXPECT_EQ(Read(kUpnp), "{");
+}
+
+TEST_F(DeskTest, NothingInTheFolderBringsItDown) {
+  const std::vector<std::string> contents = {"",
+                                             "\xff",
+                                             "[]",
+                                             "{\"server_kova\": 1}",
+                                             "null",
+                                             std::string(2000, '['),
+                                             R"({"vexarelayd": [], "server_alias": {"name": {}}})"};
+  std::vector<std::string> files;
+  for (const auto& [file, text] : Snapshot()) files.push_back(file);
+  files.insert(files.end(), {"desk/services.json", "usr/vexa/etc/vexarelayd/alias_status.json"});
+  for (const std::string& file : files) {
+    for (const std::string& content : contents) {
+      Write(file, content);
+      for (const APITableEntry& row : TheModule().Rows()) {
+        const Outcome outcome = Call(row.handler, ParseJson(kAliasV1), true);
+        EXPECT_EQ(outcome.answers.size() + (outcome.thrown ? 1 : 0), 1u) << file << row.method;
+      }
+    }
+  }
+}
+
+TEST(Device, AFolderOfSomebodyElseIsLeftAlone) {
+  const std::filesystem::path folder = std::filesystem::temp_directory_path() / "no-desk-device";
+  std::filesystem::create_directories(folder / "documents");
+  EXPECT_THROW(Device{folder}, std::runtime_error);
+  EXPECT_THROW(Device{"/"}, std::runtime_error);
+  EXPECT_FALSE(std::filesystem::exists(folder / "usr"));
+  std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace desk

@@ -1,0 +1,159 @@
+// `webapi-host`: its commands and exit codes, and the methods over HTTP.
+
+#include "devkit/host/rpc_server.h"
+
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+
+#include "tests/desk_fixture.h"
+
+namespace desk {
+namespace {
+
+struct Finished {
+  int code;
+  std::string out;
+};
+
+/// Runs the program with shell words; standard error follows standard output where `words` end in 2>&1.
+Finished RunHost(const std::string& words) {
+  FILE* pipe = popen((std::string(HOST_PROGRAM) + " " + words).c_str(), "r");
+  Finished finished{-1, ""};
+  if (pipe == nullptr) return finished;
+  std::array<char, 4096> part;
+  while (const size_t size = fread(part.data(), 1, part.size(), pipe)) finished.out.append(part.data(), size);
+  finished.code = WEXITSTATUS(pclose(pipe));
+  return finished;
+}
+
+class HostTest : public DeskTest {
+ protected:
+  /// A folder that does not exist yet, and goes with the test's own device.
+  std::string NewRoot() const { return Path("desk/another").string(); }
+  Finished CallCommand(const std::string& words) const { return RunHost("call --root " + NewRoot() + " " + words); }
+};
+
+TEST_F(HostTest, ListShowsTheTable) {
+  const Finished list = RunHost("list");
+  EXPECT_EQ(list.code, 0);
+  EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 11);
+  EXPECT_EQ(list.out.substr(0, list.out.find('\n')),
+            R"({"api":"VEXA.Core.TunnelBridge","method":"status","version":1})");
+}
+
+TEST_F(HostTest, CallAnswersOnStandardOutput) {
+  const Finished done = CallCommand("VEXA.Core.TunnelBridge 1 status 2>/dev/null");
+  EXPECT_EQ(done.code, 0);
+  EXPECT_EQ(done.out, "{\"data\":{\"alias_status\":\"unknown\",\"status\":\"not_running\"},\"success\":true}\n");
+
+  const Finished refused = CallCommand("--as user VEXA.Core.TunnelBridge 1 set 2>/dev/null");
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_EQ(refused.out, "{\"code\":105,\"data\":null,\"success\":false}\n");
+}
+
+TEST_F(HostTest, EveryMistakeHasItsExitCodeAndAMessage) {
+  const struct {
+    const char* words;
+    int code;
+    const char* message;
+  } cases[] = {
+      {"VEXA.Core.TunnelBridge 1 nothing", 2, "no such method"},
+      {"VEXA.Core.TunnelBridge 1 set '{'", 2, "no JSON"},
+      {"VEXA.Core.TunnelBridge 1 set '[]'", 2, "no JSON object"},
+      {"--fault nonsense VEXA.Core.TunnelBridge 1 status", 2, "'nonsense' is no fault"},
+      {"--trace /nowhere/trace VEXA.Core.TunnelBridge 1 status", 2, "/nowhere/trace"},
+      {"--as root VEXA.Core.TunnelBridge 1 status", 2, "--as"},
+      {"--module /nowhere.so VEXA.Core.TunnelBridge 1 status", 3, "/nowhere.so"},
+      {"VEXA.Core.TunnelBridge 1 set '{\"enabled\": []}'", 3, "exception"},
+      {"--fault Nothing=1 VEXA.Core.TunnelBridge 1 status", 0, "'Nothing=1' met no call"},
+  };
+  for (const auto& row : cases) {
+    const Finished finished = CallCommand(std::string(row.words) + " 2>&1");
+    EXPECT_EQ(finished.code, row.code) << row.words;
+    EXPECT_NE(finished.out.find(row.message), std::string::npos) << row.words << '\n' << finished.out;
+  }
+}
+
+TEST_F(HostTest, TraceAndLogGoToStandardError) {
+  const Finished traced = CallCommand("--trace - --fault fopen=ENOENT VEXA.Core.TunnelBridge 1 status 2>&1");
+  EXPECT_NE(traced.out.find(R"("op":"fopen","result":"ENOENT")"), std::string::npos) << traced.out;
+  EXPECT_NE(traced.out.find("log: tunnelbridge.v1:119 load config failed\n"), std::string::npos) << traced.out;
+}
+
+TEST_F(HostTest, APortInUseIsAMistakeOfTheCaller) {
+  LoopbackServer first;
+  const std::string port = std::to_string(first.Start(0));
+  const Finished second = RunHost("serve --root " + NewRoot() + " --port " + port + " 2>&1");
+  EXPECT_EQ(second.code, 2);
+  EXPECT_NE(second.out.find("127.0.0.1:" + port), std::string::npos) << second.out;
+}
+
+class RpcTest : public DeskTest {
+ protected:
+  RpcTest() : server_(TheModule(), "secret"), client_("127.0.0.1", server_.Start(0)) {}
+
+  httplib::Result Send(const std::string& body, const httplib::Headers& headers = {},
+                       const char* type = "application/json") {
+    return client_.Post("/rpc", headers, body, type);
+  }
+  Json::Value Rpc(const std::string& body, const httplib::Headers& headers = {}) {
+    const auto reply = Send(body, headers);
+    EXPECT_TRUE(reply) << body;
+    return reply ? ParseJson(reply->body) : Json::Value();
+  }
+
+  RpcServer server_;
+  httplib::Client client_;
+};
+
+TEST_F(RpcTest, TheTokenMakesAnAdministrator) {
+  const std::string body =
+      R"({"jsonrpc": "2.0", "id": 7, "method": "VEXA.Core.TunnelBridge.Upnp/1/set", "params": {"enabled": false}})";
+  for (const char* authorization : {"", "Bearer wrong", "secret"}) {
+    EXPECT_EQ(Rpc(body, {{"Authorization", authorization}})["error"]["code"], 105) << authorization;
+  }
+  EXPECT_EQ(ToLine(Rpc(body, {{"Authorization", "Bearer secret"}})), R"({"id":7,"jsonrpc":"2.0","result":null})");
+  EXPECT_EQ(Rpc(R"({"jsonrpc": "2.0", "id": "a", "method": "VEXA.Core.TunnelBridge.Upnp/1/get"})")["result"]["enabled"],
+            false);
+}
+
+TEST_F(RpcTest, ARequestThatIsNoneIsAnErrorOfTheFrame) {
+  const std::map<std::string, int> cases = {
+      {"{", -32700},
+      {"", -32700},
+      {std::string(2000, '['), -32700},
+      {"[]", -32600},
+      {"7", -32600},
+      {R"({"id": 1, "method": "VEXA.Core.TunnelBridge/1/get"})", -32600},
+      {R"({"jsonrpc": "2.0", "id": 1})", -32600},
+      {R"({"jsonrpc": "2.0", "id": {}, "method": "VEXA.Core.TunnelBridge/1/get"})", -32600},
+      {R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/9/get"})", -32601},
+      {R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1x/get"})", -32601},
+      {R"({"jsonrpc": "2.0", "id": 1, "method": "/"})", -32601},
+      {R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/get", "params": []})", -32602},
+  };
+  for (const auto& [body, code] : cases) EXPECT_EQ(Rpc(body)["error"]["code"], code) << body.substr(0, 80);
+}
+
+TEST_F(RpcTest, AnExceptionIsAnInternalErrorThatNamesTheMethod) {
+  const Json::Value reply =
+      Rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/set", "params": {"enabled": "x"}})",
+          {{"Authorization", "Bearer secret"}});
+  EXPECT_EQ(reply["error"]["code"], -32603);
+  EXPECT_NE(reply["error"]["message"].asString().find("VEXA.Core.TunnelBridge/1/set"), std::string::npos);
+}
+
+TEST_F(RpcTest, HttpRefusesWhatIsNoCall) {
+  const std::string status = R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/status"})";
+  EXPECT_EQ(Send(status, {{"Host", "desk.example"}})->status, 403);
+  EXPECT_EQ(Send(status, {{"Host", "localhost:1"}})->status, 200);
+  EXPECT_EQ(Send(status, {}, "text/plain")->status, 415);
+  EXPECT_EQ(Send(std::string((1 << 20) + 1, ' '))->status, 413);
+  EXPECT_EQ(client_.Get("/rpc")->status, 404);
+  EXPECT_EQ(Send(R"({"jsonrpc": "2.0", "method": "VEXA.Core.TunnelBridge/1/status"})")->status, 204);
+}
+
+}  // namespace
+}  // namespace desk
