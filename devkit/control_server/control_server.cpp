@@ -1,6 +1,5 @@
 #include "devkit/control_server/control_server.h"
 
-#include <json/reader.h>
 #include <openssl/evp.h>
 #include <platform/relay.h>
 
@@ -193,11 +192,8 @@ ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(fold
 
 void ControlServer::Serve(const httplib::Request& request, httplib::Response& response) {
   Json::Value body;
-  try {
-    if (!Json::Reader().parse(request.body, body, false)) body = Json::Value();
-  } catch (const std::exception&) {
-    body = Json::Value();  // nested too deeply
-  }
+  std::string problem;
+  if (!ParseJson(request.body, body, problem)) body = Json::Value();
   const Json::Value step = TakeStep(Text(body, "command"));
   Delay(step);
   if (step.isObject() && !OnlyDelays(step)) return Misbehave(step, response);

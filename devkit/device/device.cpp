@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -77,17 +78,26 @@ void Device::Sleep(std::chrono::microseconds pause) {
   }
 }
 
-Json::Value LoadJson(const fs::path& file) {
-  Json::Value document;
-  std::error_code error;
-  if (!fs::is_regular_file(file, error)) return document;
+bool ParseJson(const std::string& text, Json::Value& value, std::string& problem) {
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
-    std::ifstream stream(file);
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &document, nullptr)) return Json::Value();
-  } catch (const std::exception&) {
-    return Json::Value();  // nested too deeply, or the disk fails
+    return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
+  } catch (const std::exception& error) {
+    problem = error.what();
+    return false;
   }
-  return document;
+}
+
+Json::Value LoadJson(const fs::path& file) {
+  std::error_code error;
+  if (!fs::is_regular_file(file, error)) return Json::Value();
+  std::ostringstream text;
+  text << std::ifstream(file).rdbuf();
+  Json::Value document;
+  std::string problem;
+  return ParseJson(text.str(), document, problem) ? document : Json::Value();
 }
 
 bool StoreText(const fs::path& file, const std::string& text) {

@@ -59,6 +59,10 @@ class Device {
   std::atomic<std::int64_t> counted_{0};
 };
 
+/// Parses one JSON document and nothing after it. False, with `problem` saying why, when `text` is none or is
+/// nested too deeply.
+bool ParseJson(const std::string& text, Json::Value& value, std::string& problem);
+
 /// Reads a JSON document of the stand-in's own; null when there is none or it is broken.
 Json::Value LoadJson(const std::filesystem::path& file);
 

@@ -1,15 +1,14 @@
 #include "devkit/device/faults.h"
 
-#include <json/reader.h>
-
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <regex>
 #include <stdexcept>
 #include <utility>
+
+#include "devkit/device/device.h"
 
 namespace desk {
 namespace {
@@ -33,35 +32,44 @@ std::optional<Json::Value> ParseResult(const std::string& operation, const std::
   if (text == kThrow) return kThrow;
   if (IsFileFunction(operation)) return ErrorNumber(text);
 
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   Json::Value result;
-  if (!reader->parse(text.data(), text.data() + text.size(), &result, nullptr)) return std::nullopt;
+  std::string problem;
+  if (!ParseJson(text, result, problem)) return std::nullopt;
   return result;
 }
 
-unsigned Count(const std::string& digits) {
-  const unsigned long count = digits.size() > 6 ? 0 : std::stoul(digits);
-  if (count == 0) throw std::invalid_argument("the call number must lie between 1 and 999999");
-  return static_cast<unsigned>(count);
+/// Takes "@N" or "@N+" off the end of `text` into the first and the last call that a fault is for.
+void TakeCalls(std::string& text, unsigned& first, unsigned& last) {
+  const size_t at = text.rfind('@');
+  if (at == std::string::npos) return;
+  const char* end = text.data() + text.size();
+  unsigned call = 0;
+  const auto number = std::from_chars(text.data() + at + 1, end, call);
+  const bool onwards = number.ptr + 1 == end && *number.ptr == '+';
+  if (number.ec != std::errc() || (number.ptr != end && !onwards)) return;  // an @ of the result's own
+  if (call == 0) throw std::invalid_argument("calls are counted from 1");
+  first = call;
+  if (!onwards) last = call;
+  text.resize(at);
 }
 
 }  // namespace
 
 void Faults::Add(const std::string& text) {
-  static const std::regex kForm(R"(([^=\s]+)=(.+?)(?:@(\d+)(\+)?)?)");
-  std::smatch parts;
-  if (!std::regex_match(text, parts, kForm)) {
+  const size_t equals = text.find('=');
+  if (equals == 0 || equals == std::string::npos) {
     throw std::invalid_argument("'" + text + "' is no fault; write OPERATION=RESULT, OPERATION=RESULT@N or ...@N+");
   }
-  const std::optional<Json::Value> result = ParseResult(parts[1], parts[2]);
+  Fault fault{text, text.substr(0, equals), Json::Value(), 1, std::numeric_limits<unsigned>::max()};
+  std::string result_text = text.substr(equals + 1);
+  TakeCalls(result_text, fault.first, fault.last);
+  const std::optional<Json::Value> result = ParseResult(fault.operation, result_text);
   if (!result) {
     throw std::invalid_argument("the result of the fault '" + text + "' is neither " +
-                                (IsFileFunction(parts[1]) ? "the name of an error such as ENOSPC" : "JSON") +
+                                (IsFileFunction(fault.operation) ? "the name of an error such as ENOSPC" : "JSON") +
                                 " nor 'throw'");
   }
-  Fault fault{text, parts[1], *result, 1, std::numeric_limits<unsigned>::max()};
-  if (parts[3].matched) fault.first = Count(parts[3]);
-  if (parts[3].matched && !parts[4].matched) fault.last = fault.first;
+  fault.result = *result;
 
   const std::lock_guard lock(mutex_);
   faults_.push_back(std::move(fault));

@@ -1,5 +1,4 @@
 #include <curl/curl.h>
-#include <json/reader.h>
 #include <platform/relay.h>
 
 #include "devkit/device/operation.h"
@@ -82,14 +81,6 @@ ALIAS_RET AliasError(RELAYD_RET transfer) {
       return ALIAS_BAD_ANSWER;
     default:
       return ALIAS_FAILED;
-  }
-}
-
-bool Parse(const std::string& text, Json::Value& value) {
-  try {
-    return Json::Reader().parse(text, value, false);
-  } catch (const std::exception&) {
-    return false;  // nested too deeply
   }
 }
 
@@ -176,7 +167,8 @@ bool Request::Send() {
 bool Request::GetResponse(Json::Value& answer) const {
   Operation operation("Request::GetResponse");
   return operation.Output("answer", answer).Run([&] {
-    if (Parse(answer_, answer)) return true;
+    std::string problem;
+    if (desk::ParseJson(answer_, answer, problem)) return true;
     error_ = RELAYD_BAD_ANSWER;
     return false;
   });
@@ -209,9 +201,10 @@ bool AliasRequest::Send(ALIAS_RET& result) {
     const Transfer transfer = desk::Post(desk::ServerUrl(ControlHost()), desk::ToLine(body_));
     const RELAYD_RET error = TransferError(transfer);
     Json::Value answer;
+    std::string problem;
     if (error != RELAYD_OK) {
       result = AliasError(error);
-    } else if (!Parse(transfer.answer, answer) || !answer.isObject()) {
+    } else if (!desk::ParseJson(transfer.answer, answer, problem) || !answer.isObject()) {
       result = ALIAS_BAD_ANSWER;
     } else {
       result = FindError(ErrorOf(answer)).alias;

@@ -1,7 +1,6 @@
 #include "devkit/relay/transfer.h"
 
 #include <curl/curl.h>
-#include <json/reader.h>
 
 #include <memory>
 
@@ -76,12 +75,8 @@ int Perform(const std::string& url, const std::string& text, Transfer& transfer)
 /// JSON text as a value, so that the trace can hide its secrets; other text as it is.
 Json::Value Readable(const std::string& text) {
   Json::Value value;
-  try {
-    if (Json::Reader().parse(text, value, false)) return value;
-  } catch (const std::exception&) {
-    return text;  // nested too deeply
-  }
-  return text;
+  std::string problem;
+  return ParseJson(text, value, problem) ? value : Json::Value(text);
 }
 
 }  // namespace
