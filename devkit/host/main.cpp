@@ -7,8 +7,6 @@
 #include <memory>
 #include <optional>
 
-#include <json/reader.h>
-
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
@@ -120,14 +118,7 @@ int List(const Options& options) {
 Json::Value ParseParams(const std::string& text) {
   Json::Value params;
   std::string problem;
-  try {
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &params, &problem)) {
-      throw UsageError("the parameters are no JSON: " + problem);
-    }
-  } catch (const Json::Exception& error) {
-    throw UsageError(std::string("the parameters cannot be read: ") + error.what());
-  }
+  if (!desk::ParseJson(text, params, problem)) throw UsageError("the parameters are no JSON: " + problem);
   if (!params.isObject()) throw UsageError("the parameters are no JSON object");
   return params;
 }

@@ -1,12 +1,9 @@
 #include "devkit/host/rpc_server.h"
 
-#include <json/reader.h>
-
 #include <charconv>
-#include <memory>
 #include <optional>
 
-#include "devkit/device/trace.h"
+#include "devkit/device/device.h"
 
 namespace desk {
 namespace {
@@ -142,17 +139,10 @@ void RpcServer::Serve(const httplib::Request& request, httplib::Response& respon
   }
   Json::Value body;
   std::string problem;
-  try {
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(request.body.data(), request.body.data() + request.body.size(), &body, &problem)) {
-      problem = "the body is no JSON: " + problem;
-    }
-  } catch (const std::exception& error) {
-    problem = std::string("the body cannot be read: ") + error.what();
-  }
+  const bool readable = ParseJson(request.body, body, problem);
   const bool admin = request.get_header_value("Authorization") == "Bearer " + admin_token_;
-  const bool readable = problem.empty();
-  const Json::Value reply = readable ? Dispatch(module_, body, admin) : ErrorReply(Json::Value(), kParseError, problem);
+  const Json::Value reply = readable ? Dispatch(module_, body, admin)
+                                     : ErrorReply(Json::Value(), kParseError, "the body is no JSON: " + problem);
   const bool is_notification = readable && body.isObject() && !body.isMember("id") && !FindFault(body);
   if (is_notification) {
     response.status = 204;
