@@ -21,6 +21,14 @@ struct AliasLines {
   int notify;
 };
 
+/// Who asks for an alias, and what proves it: two members of the request.
+struct Identity {
+  const char* name_member;
+  std::string name;
+  const char* proof_member;
+  std::string proof;
+};
+
 /// The values of one registration, in the order in which they are made.
 struct AliasCall {
   VEXA::Relay::RelaydConf conf{kDaemonConfPath};
@@ -35,7 +43,8 @@ struct AliasCall {
 bool IsAlias(const std::string& alias);
 
 /// True when a line of `account` is an e-mail address.
-/// For both the time grows with the square of a long text that does not match, and there is no length limit.
+/// Neither has a length limit. In a multibyte locale the time grows with the square of a long text that does
+/// not match.
 bool IsAccount(const std::string& account);
 
 /// The code that stands for a failed registration, whose result may read as success.
@@ -44,8 +53,8 @@ int RegistrationError(VEXA::Relay::RELAYD_RET result);
 /// Registers the device unless its daemon runs with a server id.
 int EnsureRegistered(const AliasLines& lines, AliasCall& call);
 
-/// Asks the control server for `alias`, with the members of `identity` and the force flag in the request.
-int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Json::Value& identity,
+/// Asks the control server for `alias` on behalf of `identity`.
+int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Identity& identity,
                  bool force);
 
 /// Records the status of an accepted and stored alias and has the daemon take it up.

@@ -5,11 +5,11 @@
 
 #include "error_codes.h"
 
-/// Answers a reading method: `payload` when `code` is `kSuccess`, else the error `code` with no data.
+/// Answers a reading method: `payload` when `code` is `kSuccess`, else the error `code` with null.
 void AnswerReading(VEXA::APIResponse& response, int code, const Json::Value& payload);
 
-/// Answers a changing method: asks once more for the caller's right, then answers with 105, with success and
-/// null, or with the error `code`.
+/// Answers a changing method: asks once more for the caller's right, then answers with 105, or with success or
+/// the error `code`, both with null.
 void AnswerChange(VEXA::APIRequest& request, VEXA::APIResponse& response, int code);
 
 /// The guard and the answer of every changing method. Runs `work`, which returns a result code, for an

@@ -56,13 +56,14 @@ int EnsureRegistered(const AliasLines& lines, AliasCall& call) {
   return lines.unit.Fail(RegistrationError(call.registration), lines.registration, "%s:%d Register serverid faield");
 }
 
-int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Json::Value& identity,
+int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Identity& identity,
                  bool force) {
   if (!call.conf.alias.SetAliasName(alias)) {
     return lines.unit.Fail(kGeneralError, lines.alias, "%s:%d Alias set error: %s", alias.c_str());
   }
   call.conf.DumpDataForAliasReq(call.body);
-  for (const std::string& member : identity.getMemberNames()) call.body[member] = identity[member];
+  call.body[identity.name_member] = identity.name;
+  call.body[identity.proof_member] = identity.proof;
   call.body["force"] = force ? "true" : "false";
   if (!call.request.SetRequest(kRegisterAlias, call.body)) {
     const std::string body = call.body.toStyledString();

@@ -25,8 +25,8 @@ int ReplaceServices(VEXA::APIRequest& request) {
   if (!request.HasParam("services")) return kUnit.Fail(kInvalidRequest, 31, "%s:%d Invalid parameter");
   const Json::Value services = request.GetParam("services", Json::Value());
   if (!services.isArray()) return kUnit.Fail(kInvalidRequest, 38, "%s:%d Invalid parameter");
-  for (const Json::Value& entry : services) {
-    const int code = CheckEntry(entry);
+  for (Json::ArrayIndex index = 0; index < services.size(); ++index) {
+    const int code = CheckEntry(services[index]);
     if (code != kSuccess) return code;
   }
   if (!WriteJsonFile(kServicesPath, services)) {

@@ -83,7 +83,7 @@ int EnsureRegisterSite(AliasCall& call) {
 }
 
 /// Fills `identity` with what proves the account to the control server.
-int SetAccount(AliasCall& call, const AliasParameters& parameters, Json::Value& identity) {
+int SetAccount(AliasCall& call, const AliasParameters& parameters, Identity& identity) {
   char digest[65] = {};
   if (GetMd5String(parameters.password.c_str(), digest, sizeof(digest)) == -1) {
     return kUnit.Fail(kGeneralError, 42, "%s:%d Encrypted error: %s", parameters.account.c_str());
@@ -91,14 +91,13 @@ int SetAccount(AliasCall& call, const AliasParameters& parameters, Json::Value& 
   if (!call.conf.kova_account.SetKovaAccount(parameters.account)) {
     return kUnit.Fail(kGeneralError, 49, "%s:%d Kova Account set error: %s", parameters.account.c_str());
   }
-  identity["kova_account"] = parameters.account;
-  identity["kova_password"] = digest;
+  identity = {"kova_account", parameters.account, "kova_password", digest};
   return kSuccess;
 }
 
 int RegisterAlias(const AliasParameters& parameters) {
   AliasCall call;
-  Json::Value identity;
+  Identity identity;
   int code = EnsureRegisterSite(call);
   if (code == kSuccess) code = EnsureRegistered(kAliasLines, call);
   if (code == kSuccess) code = SetAccount(call, parameters, identity);

@@ -39,7 +39,7 @@ std::string Text(const char (&field)[Size]) {
 int QueryAccount(std::string& account) {
   Json::Value info;
   if (VEXAKOVAAccountQueryInfo(info, true, true) == 0) {
-    account = info["email"].asString();
+    if (info.isObject()) account = info["email"].asString();
     return kSuccess;
   }
   const int error = VEXAKOVAErrGet();
@@ -74,7 +74,7 @@ void RunAccountTool() {
 }
 
 /// Takes the bound account's id and auth key into `identity`.
-int ReadIdentity(Json::Value& identity) {
+int ReadIdentity(Identity& identity) {
   VEXAKOVAAccount record = {};
   if (VEXAKOVAAccountGet(&record) != 0) {
     const int error = VEXAKOVAErrGet();
@@ -87,14 +87,13 @@ int ReadIdentity(Json::Value& identity) {
     return kUnit.Fail(kGeneralError, 40, "%s:%d invalid kova inforamtion, id: %s authkey: %s", id.c_str(),
                       auth_key.c_str());
   }
-  identity["kova_id"] = id;
-  identity["auth_key"] = auth_key;
+  identity = {"kova_id", id, "auth_key", auth_key};
   return kSuccess;
 }
 
 int SetServerAliasByAccount(std::string alias, bool force) {
   AliasCall call;
-  Json::Value identity;
+  Identity identity;
   int code = ReadIdentity(identity);
   if (code == kSuccess) code = EnsureRegistered(kAliasLines, call);
   if (code == kSuccess) code = RequestAlias(kAliasLines, call, alias, identity, force);

@@ -108,6 +108,7 @@ const Failure kFailures[] = {
      {"tunnelbridge.v2:270 VEXAKOVAAccountQueryInfo failed, code = 5"},
      kSame,
      {{kAccount, "{}"}}},
+    {"2/get", "{}", {R"(VEXAKOVAAccountQueryInfo={"result":0,"info":["email"]})"}, kOk, {}, kSame, {{kAccount, "{}"}}},
     {"2/get", "{}", {"VLIBCExecl=-1"}, kOk, {"tunnelbridge.v2:299 Failed to execute vexakova."}},
 
     {"2/set", "{}", {}, 2901, {"tunnelbridge.v2:163 Invalid parameter"}},
