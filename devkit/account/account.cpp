@@ -23,7 +23,7 @@ int Fail(AccountError error) {
 }
 
 std::string Text(const Json::Value& account, const char* member) {
-  return account.isMember(member) && account[member].isString() ? account[member].asString() : "";
+  return account.isObject() && account.isMember(member) && account[member].isString() ? account[member].asString() : "";
 }
 
 template <size_t Size>
@@ -45,13 +45,12 @@ int LoadAccount(Json::Value& account) {
 int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
   Json::Value record;
   Operation operation("VEXAKOVAAccountGet");
-  return operation.Output("record", record).Run([&] {
-    if (LoadAccount(record) != 0) return -1;
-    Copy(account->name, Text(record, "name"));
-    Copy(account->id, Text(record, "id"));
-    Copy(account->auth_key, Text(record, "auth_key"));
-    return 0;
-  });
+  const int result = operation.Output("record", record).Run([&] { return LoadAccount(record); });
+  if (result != 0) return result;
+  Copy(account->name, Text(record, "name"));
+  Copy(account->id, Text(record, "id"));
+  Copy(account->auth_key, Text(record, "auth_key"));
+  return 0;
 }
 
 int VEXAKOVAErrGet() {

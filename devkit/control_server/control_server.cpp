@@ -163,7 +163,7 @@ void Misbehave(const Json::Value& step, httplib::Response& response) {
   if (step.isMember("answer")) response.set_content(ToLine(step["answer"]), "application/json");
   if (step["error"].isInt()) response.set_content(ToLine(Error(step["error"].asInt())), "application/json");
   if (step["bytes"].isUInt()) response.set_content(std::string(step["bytes"].asUInt() % (4u << 20), ' '), "text/plain");
-  if (step["cut"].isBool()) CutOff(response);
+  if (step["cut"].isBool() && step["cut"].asBool()) CutOff(response);
 }
 
 /// A step with a delay only is served as usual after it.
@@ -194,8 +194,10 @@ void ControlServer::Serve(const httplib::Request& request, httplib::Response& re
   Json::Value body;
   std::string problem;
   if (!ParseJson(request.body, body, problem)) body = Json::Value();
+  if (!body.isObject()) body = Json::Value(Json::objectValue);
   const Json::Value step = TakeStep(Text(body, "command"));
   Delay(step);
+  if (step["error"] == static_cast<int>(relay::RELAYSERVER_KEY_EXPIRED)) Expire(Text(body["auth"], "api_key"));
   if (step.isObject() && !OnlyDelays(step)) return Misbehave(step, response);
   response.set_content(ToLine(Execute(body)), "application/json");
 }
@@ -218,6 +220,14 @@ Json::Value ControlServer::TakeStep(const std::string& command) {
   }
   if (!taken.isNull()) StoreJson(file, rest);
   return taken;
+}
+
+void ControlServer::Expire(const std::string& key) {
+  const std::lock_guard lock(mutex_);
+  Json::Value state = LoadJson(folder_ / "state.json");
+  if (key.empty() || !state.isObject() || !state["expired_keys"].isArray()) return;
+  state["expired_keys"].append(key);
+  StoreJson(folder_ / "state.json", state);
 }
 
 Json::Value ControlServer::Execute(const Json::Value& request) {

@@ -23,6 +23,8 @@ class ControlServer {
   void Serve(const httplib::Request& request, httplib::Response& response);
   /// Takes the next step of the script that is for `command`; null when there is none.
   Json::Value TakeStep(const std::string& command);
+  /// A key that a step called expired stays expired.
+  void Expire(const std::string& key);
   Json::Value Execute(const Json::Value& request);
 
   std::filesystem::path folder_;

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "devkit/device/new_device.h"
+#include "devkit/device/operation.h"
 
 namespace desk {
 namespace fs = std::filesystem;
@@ -101,6 +102,7 @@ Json::Value LoadJson(const fs::path& file) {
 }
 
 bool StoreText(const fs::path& file, const std::string& text) {
+  const BookKeeping no_fault;
   static std::atomic<unsigned> count{0};
   std::error_code error;
   const fs::file_status status = fs::status(file, error);
@@ -117,6 +119,7 @@ bool StoreText(const fs::path& file, const std::string& text) {
 }
 
 bool StoreJson(const fs::path& file, const Json::Value& document) {
+  const BookKeeping no_fault;
   return StoreText(file, Json::writeString(Json::StreamWriterBuilder(), document) + "\n");
 }
 

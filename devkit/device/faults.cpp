@@ -14,9 +14,10 @@ namespace desk {
 namespace {
 
 constexpr int kMostErrors = 134;
+constexpr char kAny[] = "*";
 
 bool IsFileFunction(const std::string& name) {
-  constexpr std::array kNames = {"fopen", "rename", "unlink", "chmod"};
+  constexpr std::array kNames = {"fopen", "read", "write", "writev", "rename", "unlink", "chmod"};
   return std::find(kNames.begin(), kNames.end(), name) != kNames.end();
 }
 
@@ -29,8 +30,9 @@ std::optional<int> ErrorNumber(const std::string& name) {
 }
 
 std::optional<Json::Value> ParseResult(const std::string& operation, const std::string& text) {
-  if (text == kThrow) return kThrow;
+  if (text == kFail) return text;
   if (IsFileFunction(operation)) return ErrorNumber(text);
+  if (text == kThrow) return text;
 
   Json::Value result;
   std::string problem;
@@ -65,9 +67,9 @@ void Faults::Add(const std::string& text) {
   TakeCalls(result_text, fault.first, fault.last);
   const std::optional<Json::Value> result = ParseResult(fault.operation, result_text);
   if (!result) {
-    throw std::invalid_argument("the result of the fault '" + text + "' is neither " +
-                                (IsFileFunction(fault.operation) ? "the name of an error such as ENOSPC" : "JSON") +
-                                " nor 'throw'");
+    throw std::invalid_argument(
+        "the result of the fault '" + text + "' is neither 'fail' nor " +
+        (IsFileFunction(fault.operation) ? "the name of an error such as ENOSPC" : "'throw' nor JSON"));
   }
   fault.result = *result;
 
@@ -79,17 +81,26 @@ void Faults::Clear() {
   const std::lock_guard lock(mutex_);
   faults_.clear();
   calls_.clear();
+  met_.clear();
 }
 
 std::optional<Json::Value> Faults::Take(const std::string& operation) {
   const std::lock_guard lock(mutex_);
   const unsigned call = ++calls_[operation];
+  const unsigned any_call = operation.rfind("APIResponse", 0) == 0 ? 0 : ++calls_[kAny];
   for (Fault& fault : faults_) {
-    if (fault.operation != operation || call < fault.first || call > fault.last) continue;
+    const unsigned number = fault.operation == operation ? call : fault.operation == kAny ? any_call : 0;
+    if (number == 0 || number < fault.first || number > fault.last) continue;
     fault.met = true;
+    met_.push_back(operation);
     return fault.result;
   }
   return std::nullopt;
+}
+
+std::vector<std::string> Faults::Met() const {
+  const std::lock_guard lock(mutex_);
+  return met_;
 }
 
 std::vector<std::string> Faults::Unmet() const {

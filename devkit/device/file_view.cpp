@@ -9,9 +9,12 @@
 #include <openssl/md5.h>
 #include <regex.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -53,7 +56,7 @@ void Record(const char* name, const Json::Value& args, const Json::Value& result
 template <typename Result, typename Work>
 Result FileFunction(const char* name, const Json::Value& args, Result failure, Work work) {
   const auto fault = Device::Get().faults.Take(name);
-  if (fault) errno = fault->asInt();
+  if (fault) errno = fault->isInt() ? fault->asInt() : EIO;
   const Result result = fault ? failure : work();
   const int error = errno;
   const char* error_name = strerrorname_np(error);
@@ -69,15 +72,44 @@ int Traced(const char* name, const Json::Value& args, Work work) {
   return desk::Operation(name, args).Run(work);
 }
 
+/// Descriptors of the device's open files.
+std::array<std::atomic<bool>, 1024> device_files{};
+
+bool IsDeviceFile(int file) {
+  return file >= 0 && static_cast<size_t>(file) < device_files.size() && device_files[static_cast<size_t>(file)];
+}
+
+void MarkDeviceFile(FILE* stream, bool open) {
+  const int file = stream == nullptr ? -1 : fileno(stream);
+  if (file >= 0 && static_cast<size_t>(file) < device_files.size()) device_files[static_cast<size_t>(file)] = open;
+}
+
 FILE* Open(const char* path, const char* mode, FILE* (*open)(const char*, const char*)) {
   if (!IsOfDevice(path)) return open(path, mode);
+  const desk::BookKeeping no_fault;
   const std::string place = Locate(path);
-  return FileFunction<FILE*>("fopen", Args(path, mode), nullptr, [&] { return open(place.c_str(), mode); });
+  FILE* stream = FileFunction<FILE*>("fopen", Args(path, mode), nullptr, [&] { return open(place.c_str(), mode); });
+  MarkDeviceFile(stream, true);
+  return stream;
+}
+
+/// Moves bytes of one of the device's files with `work`. Leaves a line in the trace only when it fails.
+template <typename Work>
+ssize_t MoveBytes(const char* name, int file, Work work) {
+  if (!IsDeviceFile(file)) return work();
+  const desk::BookKeeping no_fault;
+  const auto fault = Device::Get().faults.Take(name);
+  if (!fault) return work();
+  const int error = fault->isInt() ? fault->asInt() : EIO;
+  Record(name, Args(file), strerrorname_np(error));
+  errno = error;
+  return -1;
 }
 
 void Log(int priority, const char* format, va_list args) {
   if (Device::Find() == nullptr) return vsyslog(priority, format, args);
   const int error = errno;
+  const desk::BookKeeping no_fault;
   char text[8192];
   std::vsnprintf(text, sizeof(text), format, args);
   Record("syslog", Args(priority, text), Json::Value());
@@ -98,27 +130,52 @@ FILE* fopen64(const char* path, const char* mode) {
   return Open(path, mode, real);
 }
 
+int fclose(FILE* stream) {
+  static const auto real = Real("fclose", &fclose);
+  MarkDeviceFile(stream, false);
+  return real(stream);
+}
+
+ssize_t read(int file, void* data, size_t size) {
+  static const auto real = Real("read", &read);
+  return MoveBytes("read", file, [&] { return real(file, data, size); });
+}
+
+ssize_t write(int file, const void* data, size_t size) {
+  static const auto real = Real("write", &write);
+  return MoveBytes("write", file, [&] { return real(file, data, size); });
+}
+
+ssize_t writev(int file, const iovec* parts, int count) {
+  static const auto real = Real("writev", &writev);
+  return MoveBytes("writev", file, [&] { return real(file, parts, count); });
+}
+
 int rename(const char* from, const char* to) noexcept {
   static const auto real = Real("rename", &rename);
   if (!IsOfDevice(from)) return real(from, to);
+  const desk::BookKeeping no_fault;
   return FileFunction("rename", Args(from, to), -1, [&] { return real(Locate(from).c_str(), Locate(to).c_str()); });
 }
 
 int unlink(const char* path) noexcept {
   static const auto real = Real("unlink", &unlink);
   if (!IsOfDevice(path)) return real(path);
+  const desk::BookKeeping no_fault;
   return FileFunction("unlink", Args(path), -1, [&] { return real(Locate(path).c_str()); });
 }
 
 int chmod(const char* path, mode_t mode) noexcept {
   static const auto real = Real("chmod", &chmod);
   if (!IsOfDevice(path)) return real(path, mode);
+  const desk::BookKeeping no_fault;
   return FileFunction("chmod", Args(path, mode), -1, [&] { return real(Locate(path).c_str(), mode); });
 }
 
 int usleep(useconds_t microseconds) {
   static const auto real = Real("usleep", &usleep);
   if (desk::current_call == 0) return real(microseconds);
+  const desk::BookKeeping no_fault;
   Device::Get().Sleep(std::chrono::microseconds(microseconds));
   Record("usleep", Args(microseconds), 0);
   return 0;
@@ -136,10 +193,10 @@ int regexec(const regex_t* regex, const char* text, size_t matches, regmatch_t* 
 
 void regfree(regex_t* regex) {
   static const auto real = Real("regfree", &regfree);
-  Traced("regfree", Args(), [&] {
-    real(regex);
-    return 0;
-  });
+  real(regex);
+  if (desk::current_call == 0) return;
+  const desk::BookKeeping no_fault;
+  Record("regfree", Args(), Json::Value());
 }
 
 int MD5_Init(MD5_CTX* context) {

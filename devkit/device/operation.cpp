@@ -9,6 +9,7 @@ thread_local unsigned unrecorded = 0;
 }  // namespace
 
 thread_local unsigned current_call = 0;
+thread_local unsigned book_keeping = 0;
 
 Unrecorded::Unrecorded() { ++unrecorded; }
 
@@ -24,6 +25,7 @@ Operation::Operation(std::string name, Json::Value args) : name_(std::move(name)
 
 Operation::~Operation() {
   if (!recorded_) return;
+  const BookKeeping no_fault;
   for (const Slot& output : outputs_) line_["out"][output.name] = output.get();
   if (result_) {
     line_["result"] = *result_;
@@ -33,6 +35,11 @@ Operation::~Operation() {
   Trace& trace = Device::Get().trace;
   trace.HideMembers(line_);
   trace.Record(line_);
+}
+
+bool Operation::IsConstructor() const {
+  const size_t colons = name_.find("::");
+  return colons != std::string::npos && name_.substr(0, colons) == name_.substr(colons + 2);
 }
 
 void Operation::ReplaceOutputs() {

@@ -26,6 +26,17 @@ class Unrecorded {
   Unrecorded& operator=(const Unrecorded&) = delete;
 };
 
+/// How deep this thread is in the stand-in's own book-keeping, which must not fail.
+extern thread_local unsigned book_keeping;
+
+class BookKeeping {
+ public:
+  BookKeeping() { ++book_keeping; }
+  ~BookKeeping() { --book_keeping; }
+  BookKeeping(const BookKeeping&) = delete;
+  BookKeeping& operator=(const BookKeeping&) = delete;
+};
+
 /// One call of a platform operation: looks up its fault, does the work, and leaves a line in the trace.
 class Operation {
  public:
@@ -52,7 +63,11 @@ class Operation {
   template <typename Work>
   auto Run(Work work) {
     using Result = decltype(work());
-    if (fault_ == Json::Value(kThrow)) throw std::runtime_error("fault injected into " + name_);
+    const bool fails = fault_ == Json::Value(kFail);
+    if (fault_ == Json::Value(kThrow) || (fails && IsConstructor())) {
+      throw std::runtime_error("fault injected into " + name_);
+    }
+    if (fails) return Keep(Failure<Result>());
     if (fault_ && !fault_->isObject()) return Keep(As<Result>(*fault_));
     Result result = work();
     if (fault_) {
@@ -68,6 +83,17 @@ class Operation {
     std::function<Json::Value()> get;
     std::function<void(const Json::Value&)> set;
   };
+
+  template <typename Result>
+  static Result Failure() {
+    if constexpr (std::is_enum_v<Result>) {
+      return static_cast<Result>(1);
+    } else if constexpr (std::is_same_v<Result, int>) {
+      return -1;
+    } else {
+      return Result();
+    }
+  }
 
   template <typename Result>
   static Result As(const Json::Value& value) {
@@ -95,6 +121,7 @@ class Operation {
     return result;
   }
 
+  bool IsConstructor() const;
   void ReplaceOutputs();
 
   std::string name_;

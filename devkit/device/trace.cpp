@@ -13,7 +13,9 @@ namespace {
 constexpr char kHidden[] = "(hidden)";
 constexpr std::array<std::string_view, 4> kSecretMembers = {"api_key", "auth_key", "kova_password", "token"};
 /// Older ones are forgotten, so that a server's memory does not grow with its calls.
-constexpr size_t kMostSecrets = 1000;
+constexpr size_t kMostSecrets = 100;
+/// A shorter text is no secret worth the name, and hiding it everywhere would make the trace unreadable.
+constexpr size_t kLeastSecretBytes = 6;
 
 }  // namespace
 
@@ -29,13 +31,15 @@ std::string ToLine(const Json::Value& value) {
 
 void Trace::Record(Json::Value line) {
   const std::lock_guard lock(mutex_);
-  line = Clean(line);
+  for (const char* member : {"args", "out", "result"}) {
+    if (line.isMember(member)) line[member] = Clean(line[member]);
+  }
   if (sink_) return sink_(line, ToLine(line));
   lines_.push_back(std::move(line));
 }
 
 void Trace::Hide(const std::string& text) {
-  if (text.empty() || std::find(secrets_.begin(), secrets_.end(), text) != secrets_.end()) return;
+  if (text.size() < kLeastSecretBytes || std::find(secrets_.begin(), secrets_.end(), text) != secrets_.end()) return;
   secrets_.push_back(text);
   if (secrets_.size() > kMostSecrets) secrets_.pop_front();
 }
@@ -81,13 +85,24 @@ Json::Value Trace::Clean(const Json::Value& value) const {
   return clean;
 }
 
-std::string Trace::Clean(std::string text) const {
-  for (const std::string& secret : secrets_) {
-    for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + sizeof(kHidden) - 1)) {
-      text.replace(at, secret.size(), kHidden);
+/// One pass from left to right: what was put in for a secret is not searched for another.
+std::string Trace::Clean(const std::string& text) const {
+  std::string clean;
+  size_t done = 0;
+  while (done < text.size()) {
+    size_t next = text.size();
+    size_t size = 0;
+    for (const std::string& secret : secrets_) {
+      const size_t at = text.find(secret, done);
+      if (at > next || at == std::string::npos) continue;
+      size = at < next ? secret.size() : std::max(size, secret.size());
+      next = at;
     }
+    clean.append(text, done, next - done);
+    if (size > 0) clean += kHidden;
+    done = next + size;
   }
-  return text;
+  return clean;
 }
 
 }  // namespace desk

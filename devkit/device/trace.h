@@ -22,7 +22,8 @@ class Trace {
   /// True for the name of a parameter or member that holds a secret.
   static bool IsSecret(const std::string& name);
 
-  /// Hides the texts of all members of `value` that hold secrets in all lines from now on, wherever they stand.
+  /// Hides the texts of all members of `value` that hold secrets in all lines from now on, wherever they
+  /// stand. Shorter ones than six bytes are hidden only under their names.
   void HideMembers(const Json::Value& value);
 
   std::vector<Json::Value> Lines() const;
@@ -34,7 +35,7 @@ class Trace {
  private:
   void Hide(const std::string& text);
   Json::Value Clean(const Json::Value& value) const;
-  std::string Clean(std::string text) const;
+  std::string Clean(const std::string& text) const;
 
   mutable std::mutex mutex_;
   std::vector<Json::Value> lines_;

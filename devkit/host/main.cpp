@@ -73,6 +73,7 @@ struct Desk {
     if (options.control_port != 0) return;
     control_server.emplace(device.Root() / "desk/control-server");
     device.control_port = control_server->Start();
+    desk::StoreText(device.Root() / "desk/control-server/port", std::to_string(device.control_port) + "\n");
   }
 
   desk::Device device;
@@ -129,6 +130,7 @@ int Call(const Options& options) {
   const APIHandler handler = module->Find(options.api, options.version, options.method);
   if (handler == nullptr) throw UsageError("the module has no such method; `webapi-host list` shows all");
 
+  for (const std::string& fault : options.faults) desk::Faults().Add(fault);  // before the folder is made
   Desk desk(options);
   const desk::Outcome outcome = desk::Call(handler, params, options.caller == "admin");
   for (const std::string& fault : desk.device.faults.Unmet()) {

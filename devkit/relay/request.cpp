@@ -45,8 +45,8 @@ const ErrorRow& FindError(RELAYSERVER_ERR error) {
 }
 
 RELAYSERVER_ERR ErrorOf(const Json::Value& answer) {
-  if (!answer.isObject() || !answer["error"].isObject()) return RELAYSERVER_OK;
-  const Json::Value& code = answer["error"]["code"];
+  if (!answer.isObject() || !answer.isMember("error")) return RELAYSERVER_OK;
+  const Json::Value code = answer["error"].isObject() ? answer["error"]["code"] : Json::Value();
   return code.isInt() ? static_cast<RELAYSERVER_ERR>(code.asInt()) : RELAYSERVER_INTERNAL;
 }
 

@@ -91,6 +91,7 @@ Transfer Post(const std::string& url, const std::string& text) {
     answer = Readable(transfer.answer);
     return result;
   });
+  transfer.answer = answer.isString() ? answer.asString() : ToLine(answer);
   return transfer;
 }
 

@@ -75,7 +75,9 @@ bool IsTrue(const Json::Value& state, const char* member) {
 }
 
 std::int64_t Number(const Json::Value& state, const char* member) {
-  return state.isObject() && state.isMember(member) && state[member].isInt64() ? state[member].asInt64() : 0;
+  return state.isObject() && state.isMember(member) && state[member].isUInt64() && state[member].isInt64()
+             ? state[member].asInt64()
+             : 0;
 }
 
 /// Starts or stops a service that knows no "start_fails" or "stop_fails". -1 for one that is not listed.
