@@ -23,7 +23,7 @@ fs::path PrepareRoot(const fs::path& root) {
   std::error_code error;
   fs::create_directories(root, error);
   if (!fs::is_directory(root)) throw std::runtime_error("cannot make the device folder '" + root.string() + "'");
-  const fs::path absolute = fs::canonical(root);
+  fs::path absolute = fs::canonical(root);
   if (absolute == "/") throw std::runtime_error("the machine's own root cannot be a desk device; name another folder");
   if (fs::is_empty(absolute)) {
     FillNewDevice(absolute);

@@ -111,6 +111,7 @@ void Log(int priority, const char* format, va_list args) {
   const int error = errno;
   const desk::BookKeeping no_fault;
   char text[8192];
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started by both callers
   std::vsnprintf(text, sizeof(text), format, args);
   Record("syslog", Args(priority, text), Json::Value());
   errno = error;
@@ -222,6 +223,7 @@ void syslog(int priority, const char* format, ...) {
 }
 
 /// What a module built with fortification calls in place of `syslog`.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's name
 void __syslog_chk(int priority, int, const char* format, ...) {
   va_list args;
   va_start(args, format);

@@ -97,6 +97,7 @@ int SwitchService(const std::string& name, bool on) {
 /// Runs a program and waits for its end. Its exit code, or -1 when it could not be run or took too long.
 int RunProgram(const std::string& program, std::vector<std::string> words) {
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   pid_t child = 0;
