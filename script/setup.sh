@@ -2,8 +2,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-build_packages=(g++ cmake ninja-build pkg-config libjsoncpp-dev libssl-dev libcurl4-openssl-dev
-  libcpp-httplib-dev libcli11-dev libgtest-dev)
+library_packages=(libjsoncpp-dev libssl-dev libcurl4-openssl-dev libcpp-httplib-dev libcli11-dev libgtest-dev)
+build_packages=(g++ cmake ninja-build pkg-config "${library_packages[@]}")
 
 say() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; }
 

@@ -1,5 +1,13 @@
 #include "handlers.h"
 
+#include <cstddef>
+
+// The server reads the rows as four words each, whatever headers the module is built with.
+static_assert(sizeof(APITableEntry) == 4 * sizeof(void*), "size fixed by the server");
+static_assert(offsetof(APITableEntry, version) == sizeof(void*), "offset fixed by the server");
+static_assert(offsetof(APITableEntry, method) == 2 * sizeof(void*), "offset fixed by the server");
+static_assert(offsetof(APITableEntry, handler) == 3 * sizeof(void*), "offset fixed by the server");
+
 namespace {
 
 constexpr char kApi[] = "VEXA.Core.TunnelBridge";

@@ -19,9 +19,17 @@ namespace fs = std::filesystem;
 
 enum ExitCode : int { kDone = 0, kErrorAnswer = 1, kUsage = 2, kModuleFailed = 3 };
 
+/// The module beside the program, as built, or else in lib/ beside the program's folder, as installed.
+std::string DefaultModule() {
+  constexpr char kName[] = "VEXA.Core.TunnelBridge.so";
+  const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
+  const fs::path beside = folder / kName;
+  return fs::exists(beside) ? beside : folder.parent_path() / "lib" / kName;
+}
+
 struct Options {
   std::string root = "desk-device";
-  std::string module = (fs::read_symlink("/proc/self/exe").parent_path() / "VEXA.Core.TunnelBridge.so").string();
+  std::string module = DefaultModule();
   std::string trace;
   std::vector<std::string> faults;
   std::string caller = "admin";

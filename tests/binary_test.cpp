@@ -1,0 +1,53 @@
+// What a device takes for granted about the module as a binary.
+
+#include <platform/relay.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+
+#include "tests/desk_fixture.h"
+
+namespace desk {
+namespace {
+
+/// The slot of a virtual function in its class's table: x86 keeps 1 + its offset in a pointer to member.
+template <typename Function>
+size_t Slot(Function function) {
+  std::uintptr_t word = 0;
+  std::memcpy(&word, &function, sizeof(word));
+  return (word - 1) / sizeof(void*);
+}
+
+TEST(Layout, ConfigurationObjectsStartWithTheSlotsOfTheLibrary) {
+  EXPECT_EQ(Slot(&VEXA::Relay::Config::Overwrite), 0u);
+  EXPECT_EQ(Slot(&VEXA::Relay::Config::Verify), 1u);
+}
+
+bool IsMapped(const std::string& file) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(file) != std::string::npos) return true;
+  }
+  return false;
+}
+
+using Unloading = DeskTest;
+
+TEST_F(Unloading, ModuleThatServedCallsIsUnmappedEveryTime) {
+  // A copy is a library of its own, whatever else this process has loaded.
+  const std::string copy = Path("copy.so");
+  std::filesystem::copy_file(MODULE_FILE, copy);
+  for (int cycle = 1; cycle <= 200; ++cycle) {
+    {
+      const Module module(copy);
+      ASSERT_TRUE(IsMapped(copy));
+      const APIHandler status = module.Find("VEXA.Core.TunnelBridge", 1, "status");
+      ASSERT_EQ(Call(status, Json::Value(Json::objectValue), false).Problem(), "");
+    }
+    ASSERT_FALSE(IsMapped(copy)) << "after " << cycle << " cycles";
+  }
+}
+
+}  // namespace
+}  // namespace desk

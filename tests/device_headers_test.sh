@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Builds the module alone against the headers of another device, whose library differs in all that the module
+# does not rely on. Usage: device_headers_test.sh SOURCE_FOLDER [TOOLCHAIN_FILE]
+set -euo pipefail
+source=$1
+toolchain=${2-}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/device"
+cp -r "$source/platform" "$work/device"
+
+# Fails when the edit no longer meets anything.
+edit() {
+  local header=$work/device/platform/$1
+  sed --regexp-extended --in-place=.before "$2" "$header"
+  if cmp --silent "$header" "$header.before"; then
+    echo "nothing in $1 fits $2"
+    exit 1
+  fi
+}
+
+edit webapi.h 's/^( +)APICall\* call_;/\1long reserved_[4] = {};\n&/'
+edit webapi.h 's/void (SetSuccess|SetError)\(/int \1(/'
+edit relay.h 's/^enum /enum class /; s/ = RELAYD_OK;/ = RELAYD_RET::RELAYD_OK;/'
+edit relay.h 's/virtual ~Config\(\) = default;/&\n  virtual void Reset();/'
+edit relay.h 's/^  std::string server_id;/  long reserved = 0;\n&/'
+edit relay.h 's/bool (WriteServerId|WriteControlServerHost|DumpDataForAliasReq|GenerateApiKey|SetStatus)\(/void \1(/'
+edit relay.h 's/const std::string& detail, bool store/const std::string\& detail, int store/'
+edit system.h 's/^int VLIBServiceReload/void VLIBServiceReload/'
+
+cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} \
+  -DTUNNELBRIDGE_DESK=OFF -DTUNNELBRIDGE_PLATFORM_DIR="$work/device"
+cmake --build "$work/build"
+nm --dynamic --demangle "$work/build/bin/VEXA.Core.TunnelBridge.so" | grep 'AliasStatus::SetStatus(.*, int)$'
