@@ -28,6 +28,53 @@ Json::Value ParseJson(const std::string& text) {
   return value;
 }
 
+std::vector<std::string> Split(const std::string& text, const std::string& separator) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  for (size_t end; (end = text.find(separator, start)) != std::string::npos; start = end + separator.size()) {
+    parts.push_back(text.substr(start, end - start));
+  }
+  parts.push_back(text.substr(start));
+  return parts;
+}
+
+std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
+  constexpr size_t kMostColumns = 6;
+  std::vector<std::vector<std::string>> rows;
+  std::ifstream file(std::string(DATA_FOLDER "/") + name);
+  for (std::string line; std::getline(file, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    rows.push_back(Split(line, " | "));
+    rows.back().resize(kMostColumns, "-");
+  }
+  EXPECT_FALSE(rows.empty()) << name;
+  return rows;
+}
+
+std::vector<std::string> Parts(const std::string& cell) {
+  return cell == "-" ? std::vector<std::string>() : Split(cell, " ; ");
+}
+
+std::string Params(const std::string& cell) {
+  const std::map<std::string, std::string> names = {
+      {"on", R"({"enabled": true})"}, {"off", R"({"enabled": false})"}, {"alias", kAliasV1}};
+  const auto known = names.find(cell);
+  return known == names.end() ? cell : known->second;
+}
+
+void DeskTest::Arrange(const std::string& given) {
+  const std::map<std::string, std::string> files = {{"conf", kConf}, {"account", kAccount}, {"upnp", kUpnp}};
+  for (const std::string& part : Parts(given)) {
+    const size_t equals = part.find('=');
+    const auto file = files.find(part.substr(0, equals));
+    if (file == files.end()) {
+      device->faults.Add(part);
+    } else {
+      Write(file->second, part.substr(equals + 1));
+    }
+  }
+}
+
 DeskTest::DeskTest() {
   std::string pattern = (fs::temp_directory_path() / "desk-XXXXXX").string();
   root_ = mkdtemp(pattern.data());

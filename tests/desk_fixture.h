@@ -52,6 +52,9 @@ class DeskTest : public testing::Test {
   Json::Value Find(const std::string& operation) const;
   unsigned Count(const std::string& operation) const;
 
+  /// Meets what a table's cell says: contents of files and faults.
+  void Arrange(const std::string& given);
+
   void StartControlServer();
   /// What the control server does with its next requests.
   void Script(const std::string& steps);
@@ -80,5 +83,15 @@ const Module& TheModule();
 APIHandler FindHandler(const std::string& method);
 
 Json::Value ParseJson(const std::string& text);
+
+/// The rows of a table in tests/data: one a line, columns apart by " | ", "-" where there is nothing;
+/// '#' starts a comment.
+std::vector<std::vector<std::string>> ReadTable(const std::string& name);
+
+/// The parts of a table's cell, apart by " ; ".
+std::vector<std::string> Parts(const std::string& cell);
+
+/// The parameters that a table's cell stands for: on, off, alias, or JSON.
+std::string Params(const std::string& cell);
 
 }  // namespace desk
