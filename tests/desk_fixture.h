@@ -81,4 +81,12 @@ APIHandler FindHandler(const std::string& method);
 
 Json::Value ParseJson(const std::string& text);
 
+struct Finished {
+  int code;
+  std::string out;
+};
+
+/// Runs `webapi-host` with shell words; standard error follows standard output where `words` end in 2>&1.
+Finished RunHost(const std::string& words);
+
 }  // namespace desk
