@@ -2,7 +2,10 @@
 
 #include <json/reader.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 
+#include <array>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -73,6 +76,16 @@ void DeskTest::Arrange(const std::string& given) {
       Write(file->second, part.substr(equals + 1));
     }
   }
+}
+
+Finished RunHost(const std::string& words) {
+  FILE* pipe = popen((std::string(HOST_PROGRAM) + " " + words).c_str(), "r");
+  Finished finished{-1, ""};
+  if (pipe == nullptr) return finished;
+  std::array<char, 4096> part;
+  while (const size_t size = fread(part.data(), 1, part.size(), pipe)) finished.out.append(part.data(), size);
+  finished.code = WEXITSTATUS(pclose(pipe));
+  return finished;
 }
 
 DeskTest::DeskTest() {

@@ -94,4 +94,12 @@ std::vector<std::string> Parts(const std::string& cell);
 /// The parameters that a table's cell stands for: on, off, alias, or JSON.
 std::string Params(const std::string& cell);
 
+struct Finished {
+  int code;
+  std::string out;
+};
+
+/// Runs `webapi-host` with shell words; standard error follows standard output where `words` end in 2>&1.
+Finished RunHost(const std::string& words);
+
 }  // namespace desk

@@ -2,31 +2,10 @@
 
 #include "devkit/host/rpc_server.h"
 
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
-
 #include "tests/desk_fixture.h"
 
 namespace desk {
 namespace {
-
-struct Finished {
-  int code;
-  std::string out;
-};
-
-/// Runs the program with shell words; standard error follows standard output where `words` end in 2>&1.
-Finished RunHost(const std::string& words) {
-  FILE* pipe = popen((std::string(HOST_PROGRAM) + " " + words).c_str(), "r");
-  Finished finished{-1, ""};
-  if (pipe == nullptr) return finished;
-  std::array<char, 4096> part;
-  while (const size_t size = fread(part.data(), 1, part.size(), pipe)) finished.out.append(part.data(), size);
-  finished.code = WEXITSTATUS(pclose(pipe));
-  return finished;
-}
 
 class HostTest : public DeskTest {
  protected:

@@ -6,10 +6,12 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <random>
 
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
+#include "devkit/host/check.h"
 #include "devkit/host/rpc_server.h"
 #include "devkit/webapi/module.h"
 
@@ -39,6 +41,7 @@ struct Options {
   int version = 0;
   std::string method;
   std::string params = "{}";
+  desk::CheckOptions check;
 };
 
 /// A mistake of the person who started the program.
@@ -189,6 +192,8 @@ int ServeControl(const Options& options) {
   return WaitForEnd();
 }
 
+int Check(const Options& options) { return desk::CheckModule(options.check) ? kDone : kErrorAnswer; }
+
 void AddDeviceOptions(CLI::App& command, Options& options) {
   command.add_option("--root", options.root, "Folder of the desk device; filled when it is new")->capture_default_str();
   command.add_option("--trace", options.trace, "Append the trace to this file; - for standard error");
@@ -230,6 +235,15 @@ int Run(int argc, char** argv) {
   control->add_option("--root", options.root, "Folder of its state")->required();
   control->add_option("--port", options.port, "Port; 0 for a free one")->check(CLI::Range(0, 65535))->required();
 
+  CLI::App* check = app.add_subcommand("check", "Check a module binary against the handler contract");
+  options.check.seed = std::random_device()();
+  check->add_option("module", options.check.module, "The module to check")->required();
+  check->add_flag("--json", options.check.json, "Print one JSON object a line");
+  check->add_option("--seed", options.check.seed, "Repeat the calls of an earlier run; else they are new each time");
+  check->add_option("--limit", options.check.limit_seconds, "Seconds that the calls of one method may take together")
+      ->check(CLI::Range(1, 3600))
+      ->capture_default_str();
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
@@ -238,6 +252,7 @@ int Run(int argc, char** argv) {
   if (list->parsed()) return List(options);
   if (call->parsed()) return Call(options);
   if (serve->parsed()) return Serve(options);
+  if (check->parsed()) return Check(options);
   return ServeControl(options);
 }
 

@@ -1,0 +1,318 @@
+#include "devkit/host/check.h"
+
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <random>
+#include <set>
+#include <system_error>
+#include <thread>
+
+#include "devkit/device/operation.h"
+#include "devkit/webapi/module.h"
+
+namespace desk {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kMostRows = 1000;
+constexpr unsigned kRounds = 150;
+constexpr size_t kHugeBytes = 1 << 18;
+/// More than a JSON parser of the device reads back.
+constexpr unsigned kDeepLevels = 1500;
+constexpr int kNotAdministrator = 105;
+constexpr auto kPoll = std::chrono::milliseconds(1);
+constexpr unsigned kThreadPolls = 100;
+
+/// Lies in memory that a child process shares with its parent, so that nothing is lost however the child ends.
+struct Report {
+  bool json;
+  char subject[128] = {};
+  char step[160] = {};
+  char error[512] = {};
+  unsigned rows = 0;
+  bool loaded = false;
+  bool finished = false;
+  bool broken = false;
+
+  void Print(const std::string& check, bool holds, const std::string& detail) {
+    broken = broken || !holds;
+    Json::Value line;
+    line["subject"] = subject;
+    line["check"] = check;
+    line["ok"] = holds;
+    line["detail"] = detail;
+    const std::string words = (holds ? "ok    " : "FAIL  ") + std::string(subject) + "  " + check;
+    std::cout << (json ? ToLine(line) : detail.empty() ? words : words + ": " + detail) << std::endl;
+  }
+};
+
+template <size_t Size>
+void Copy(char (&field)[Size], const std::string& text) {
+  field[text.copy(field, Size - 1)] = '\0';
+}
+
+std::string MethodName(const APITableEntry& row) {
+  return std::string(row.api) + '/' + std::to_string(row.version) + '/' + row.method;
+}
+
+/// Makes parameters, ordinary and hostile ones: every call's are a variation of those that led furthest so far.
+class ParamSource {
+ public:
+  explicit ParamSource(unsigned seed) : random_(seed) {}
+
+  Json::Value Next() {
+    Json::Value params = furthest_;
+    for (size_t change = Pick(2); change < 2 && !names_.empty(); ++change) {
+      const std::string& name = names_[Pick(names_.size())];
+      params[name] = NewValue();
+      if (Pick(8) == 0) params.removeMember(name);
+    }
+    return params;
+  }
+
+  /// Takes the names of parameters from what the module did when it was given `params`.
+  void Learn(const Json::Value& params, const std::vector<Json::Value>& trace) {
+    for (const Json::Value& line : trace) {
+      if (line["op"] != "APIRequest::HasParam" && line["op"] != "APIRequest::GetParam") continue;
+      const std::string name = line["args"][0].asString();
+      if (!name.empty() && std::find(names_.begin(), names_.end(), name) == names_.end()) names_.push_back(name);
+    }
+    if (trace.size() > most_operations_) furthest_ = params;
+    most_operations_ = std::max(most_operations_, trace.size());
+  }
+
+ private:
+  size_t Pick(size_t count) { return random_() % count; }
+
+  Json::Value NewValue() {
+    Json::Value nested;
+    for (unsigned level = 0; level < kDeepLevels; ++level) {
+      Json::Value inner;
+      inner.swap(nested);
+      nested.append(std::move(inner));
+    }
+    // The trace hides a secret text wherever it stands, so none may be part of an operation's name.
+    std::string word;
+    while (word.size() < 8) word += static_cast<char>('a' + Pick(26));
+    const Json::Value values =
+        Args(true, false, word, word, word + "@vexa.example", Json::arrayValue, Json::objectValue, Json::nullValue,
+             nested, -1, 1e99, word + "\xff%s%n", word + '\0' + word, std::string(kHugeBytes, 'a'));
+    return values[static_cast<Json::ArrayIndex>(Pick(values.size()))];
+  }
+
+  std::mt19937 random_;
+  std::vector<std::string> names_;
+  Json::Value furthest_{Json::objectValue};
+  size_t most_operations_ = 0;
+};
+
+size_t CountEntries(const char* folder) {
+  return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+}
+
+/// Whether more threads than `before` run. One that has been waited for can stay listed for a moment.
+bool LeftThread(size_t before) {
+  unsigned poll = 0;
+  while (CountEntries("/proc/self/task") > before && poll++ < kThreadPolls) std::this_thread::sleep_for(kPoll);
+  return poll > kThreadPolls;
+}
+
+/// The names of the traced operations, a blank after each, without the making of configuration objects.
+std::string ListOperations(const std::vector<Json::Value>& trace) {
+  std::string list;
+  for (const Json::Value& line : trace) {
+    const std::string name = line["op"].asString();
+    const std::string scope = name.substr(0, name.find("::"));
+    if (name != scope + "::" + scope) list += name + ' ';
+  }
+  return list;
+}
+
+/// Calls one method over and over and reports what breaks the contract.
+class MethodCheck {
+ public:
+  MethodCheck(APIHandler handler, unsigned seed, Report& report) : handler_(handler), params_(seed), report_(report) {}
+
+  void Run() {
+    for (unsigned round = 0; round < kRounds; ++round) {
+      const Json::Value params = params_.Next();
+      for (const bool admin : {false, true}) CallOnce(params, admin);
+    }
+    const std::string thrown = std::to_string(thrown_) + " calls left with an exception, as they may";
+    Conclude("guard", changing_ ? "a changing method" : "a reading method");
+    Conclude("one-answer", thrown_ == 0 ? "" : thrown + ": " + first_thrown_);
+    for (const char* check : {"answer-last", "data", "descriptors", "threads"}) Conclude(check, "");
+  }
+
+ private:
+  void CallOnce(const Json::Value& params, bool admin) {
+    Copy(report_.step, (admin ? "a call by an administrator with " : "a call by a user with ") + ToLine(params));
+    Trace& trace = Device::Get().trace;
+    trace.Clear();
+    const size_t descriptors = CountEntries("/proc/self/fd");
+    const size_t threads = CountEntries("/proc/self/task");
+    const Outcome outcome = Call(handler_, params, admin);
+    Expect("descriptors", CountEntries("/proc/self/fd") == descriptors, "other files are open than before");
+    if (broken_.count("threads") == 0) Expect("threads", !LeftThread(threads), "a thread was left behind");
+
+    const std::vector<Json::Value> lines = trace.Lines();
+    const std::string operations = ListOperations(lines);
+    changing_ = changing_ || operations.find("APIRequest::IsAdmin") != std::string::npos;
+    if (changing_) CheckGuard(outcome, operations, admin);
+    CheckAnswer(outcome, operations);
+    if (admin) params_.Learn(params, lines);
+  }
+
+  void CheckGuard(const Outcome& outcome, const std::string& operations, bool admin) {
+    const size_t again = operations.find("APIRequest::IsAdmin APIResponse::");
+    Expect("guard", operations.rfind("APIRequest::IsAdmin ", 0) == 0, "IsAdmin was not asked first");
+    Expect("guard", outcome.answers.empty() || (again != std::string::npos && again > 0),
+           "IsAdmin was not asked again right before the answer");
+    if (admin) return;
+    const bool denied = !outcome.answers.empty() && outcome.answers.front().code == kNotAdministrator;
+    Expect("guard", denied, "the answer was not 105");
+    Expect("guard", operations == "APIRequest::IsAdmin APIRequest::IsAdmin APIResponse::SetError ",
+           "the platform was asked for more than IsAdmin");
+  }
+
+  void CheckAnswer(const Outcome& outcome, const std::string& operations) {
+    const size_t count = outcome.answers.size();
+    if (outcome.thrown && thrown_++ == 0) first_thrown_ = *outcome.thrown;
+    Expect("one-answer", count == (outcome.thrown ? 0 : 1),
+           std::to_string(count) + " answers" + (outcome.thrown ? " and an exception" : ""));
+    for (const Answer& answer : outcome.answers) {
+      const bool null = !answer.success || changing_;
+      Expect("data", null ? answer.data.isNull() : answer.data.isObject(),
+             null ? "the answer's data was not null" : "the payload was no object");
+    }
+    const size_t later = operations.find("APIRequest::", operations.find("APIResponse::"));
+    Expect("answer-last", later == std::string::npos, "the framework was asked after the answer");
+  }
+
+  /// Reports the first time that a check does not hold.
+  void Expect(const std::string& check, bool holds, const std::string& problem) {
+    if (!holds && broken_.insert(check).second) report_.Print(check, false, problem + ", in " + report_.step);
+  }
+
+  void Conclude(const std::string& check, const std::string& remark) {
+    if (broken_.count(check) == 0) report_.Print(check, true, remark);
+  }
+
+  APIHandler handler_;
+  ParamSource params_;
+  Report& report_;
+  std::set<std::string> broken_;
+  bool changing_ = false;
+  unsigned thrown_ = 0;
+  std::string first_thrown_;
+};
+
+void CheckTable(const fs::path& file, Report& report) {
+  void* library = dlopen(fs::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) throw ModuleError(dlerror());
+  const auto entry = reinterpret_cast<const APITableEntry* (*)()>(dlsym(library, "GetAPITable"));
+  if (entry == nullptr) throw ModuleError("it has no function GetAPITable");
+  report.loaded = true;
+  report.Print("loads", true, "");
+
+  Copy(report.step, "reading the table");
+  const APITableEntry* row = entry();
+  const bool same = row == entry() && row == entry();
+  std::set<std::string> methods;
+  std::string incomplete;
+  std::string repeated;
+  for (; row != nullptr && row->api != nullptr && report.rows < kMostRows; ++row) {
+    const std::string number = "row " + std::to_string(++report.rows);
+    const bool complete = row->method != nullptr && row->handler != nullptr;
+    if (!complete) incomplete = number + " has no method name or no handler";
+    if (complete && !methods.insert(MethodName(*row)).second) repeated = number + " repeats an earlier one";
+  }
+  const bool ends = report.rows > 0 && report.rows < kMostRows && row->version == 0 && row->method == nullptr &&
+                    row->handler == nullptr;
+  report.Print("table", ends, std::to_string(report.rows) + (ends ? " rows and an end row" : " rows, no end row"));
+  report.Print("complete-rows", incomplete.empty(), incomplete);
+  report.Print("unique-rows", repeated.empty(), repeated);
+  report.Print("same-pointer", same, same ? "" : "a later call of GetAPITable gave another pointer");
+}
+
+void CheckMethod(const CheckOptions& options, unsigned index, Report& report) {
+  const Module module(options.module);
+  const APITableEntry& row = module.Rows()[index];
+  Copy(report.subject, MethodName(row));
+  MethodCheck(row.handler, options.seed + index, report).Run();
+  Copy(report.step, "unloading");
+}
+
+/// Waits for the end of a child process, and kills it at the limit. Says how it ended.
+std::string Await(pid_t child, int limit_seconds) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(limit_seconds);
+  int status = 0;
+  while (waitpid(child, &status, WNOHANG) == 0) {
+    const bool late = std::chrono::steady_clock::now() > limit;
+    if (late) kill(child, SIGKILL);
+    if (late && waitpid(child, &status, 0) == child) return "no end within " + std::to_string(limit_seconds) + " s";
+    std::this_thread::sleep_for(kPoll);
+  }
+  if (WIFSIGNALED(status)) return std::string("the process died of: ") + strsignal(WTERMSIG(status));
+  return "the process left with exit code " + std::to_string(WEXITSTATUS(status));
+}
+
+/// Does `work` in a child process with a new desk device, and reports whether it came to its end.
+void RunChild(const CheckOptions& options, Report& report, const std::function<void()>& work) {
+  std::string folder = fs::temp_directory_path() / "webapi-check-XXXXXX";
+  if (mkdtemp(folder.data()) == nullptr) throw std::system_error(errno, std::generic_category(), folder);
+  const auto remove = [](const std::string* path) { fs::remove_all(*path); };
+  const std::unique_ptr<std::string, decltype(remove)> removal(&folder, remove);
+
+  report.finished = false;
+  Copy(report.step, "loading");
+  const pid_t child = fork();
+  if (child == -1) throw std::system_error(errno, std::generic_category(), "fork");
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    try {
+      const Device device(folder, Device::Clock::kCounted);
+      work();
+      report.finished = true;
+    } catch (const std::exception& problem) {
+      Copy(report.error, problem.what());
+    }
+    _exit(0);
+  }
+  const std::string ending = Await(child, options.limit_seconds) + ", in " + report.step;
+  const std::string problem = report.finished ? "" : report.error[0] != '\0' ? report.error : ending;
+  if (!report.loaded) throw ModuleError("cannot load '" + options.module.string() + "': " + problem);
+  report.Print("returns", report.finished, problem);
+}
+
+}  // namespace
+
+bool CheckModule(const CheckOptions& options) {
+  const auto unmap = [](Report* memory) { munmap(memory, sizeof(Report)); };
+  void* memory = mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
+  const std::unique_ptr<Report, decltype(unmap)> report(new (memory) Report{options.json, "module"}, unmap);
+
+  std::cout << (options.json ? "{\"seed\":" : "seed  ") << options.seed << (options.json ? "}" : "") << std::endl;
+  RunChild(options, *report, [&] { CheckTable(options.module, *report); });
+  const unsigned methods = report->broken ? 0 : report->rows;
+  for (unsigned index = 0; index < methods; ++index) {
+    Copy(report->subject, "row " + std::to_string(index + 1));
+    RunChild(options, *report, [&] { CheckMethod(options, index, *report); });
+  }
+  return !report->broken;
+}
+
+}  // namespace desk
