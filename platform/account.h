@@ -2,20 +2,14 @@
 
 #include <json/value.h>
 
-#include <cstddef>
-
 /// What the account library knows of the cloud ("Kova") account bound to the device.
-/// All texts are NUL-terminated; what follows them in their fields is the library's own.
+/// All texts are NUL-terminated; what follows them in their fields is the library's own. Its layout is fixed:
+/// 20248 bytes, the name at offset 0, the id at 8192 and the auth key at 12288.
 struct VEXAKOVAAccount {
   char name[8192];
   char id[4096];
   char auth_key[7960];
 };
-
-static_assert(sizeof(VEXAKOVAAccount) == 20248, "size fixed by the account library");
-static_assert(offsetof(VEXAKOVAAccount, name) == 0, "offset fixed by the account library");
-static_assert(offsetof(VEXAKOVAAccount, id) == 8192, "offset fixed by the account library");
-static_assert(offsetof(VEXAKOVAAccount, auth_key) == 12288, "offset fixed by the account library");
 
 extern "C" {
 

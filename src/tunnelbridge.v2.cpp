@@ -3,6 +3,7 @@
 #include <platform/relay.h>
 #include <platform/system.h>
 
+#include <cstddef>
 #include <cstring>
 #include <string>
 
@@ -17,6 +18,12 @@ using VEXA::Relay::AliasConf;
 using VEXA::Relay::ServerConf;
 
 namespace {
+
+// The account library fills the record, whatever headers the module is built with.
+static_assert(sizeof(VEXAKOVAAccount) == 20248, "size fixed by the account library");
+static_assert(offsetof(VEXAKOVAAccount, name) == 0, "offset fixed by the account library");
+static_assert(offsetof(VEXAKOVAAccount, id) == 8192, "offset fixed by the account library");
+static_assert(offsetof(VEXAKOVAAccount, auth_key) == 12288, "offset fixed by the account library");
 
 constexpr LogUnit kUnit{"tunnelbridge.v2"};
 constexpr GetLines kGetLines{kUnit, 231, 241, 248};
