@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -27,8 +28,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t kMostRows = 1000;
-constexpr unsigned kRounds = 150;
-constexpr size_t kHugeBytes = 1 << 18;
+constexpr unsigned kRounds = 200;
+constexpr unsigned kEqualRounds = 10;
+constexpr size_t kHugeBytes = 1 << 17;
 /// More than a JSON parser of the device reads back.
 constexpr unsigned kDeepLevels = 1500;
 constexpr int kNotAdministrator = 105;
@@ -41,6 +43,7 @@ struct Report {
   char subject[128] = {};
   char step[160] = {};
   char error[512] = {};
+  std::atomic<unsigned> calls{0};
   unsigned rows = 0;
   bool loaded = false;
   bool finished = false;
@@ -70,17 +73,33 @@ std::string MethodName(const APITableEntry& row) {
 /// Makes parameters, ordinary and hostile ones: every call's are a variation of those that led furthest so far.
 class ParamSource {
  public:
-  explicit ParamSource(unsigned seed) : random_(seed) {}
+  explicit ParamSource(unsigned seed) : random_(seed) {
+    // The trace hides a secret text wherever it stands, so none may be part of an operation's name.
+    std::string word;
+    while (word.size() < 8) word += static_cast<char>('a' + Pick(26));
+    Json::Value nested;
+    for (unsigned level = 0; level < kDeepLevels; ++level) {
+      Json::Value outer;
+      outer.append(Json::Value()).swap(nested);
+      nested.swap(outer);
+    }
+    values_ =
+        Args(true, false, word, word, word + "@vexa.example", Json::arrayValue, Json::objectValue, Json::nullValue,
+             nested, -1, 1e99, word + "\xff%s%n", word + '\0' + word, std::string(kHugeBytes, 'a'));
+  }
 
   Json::Value Next() {
     Json::Value params = furthest_;
-    for (size_t change = Pick(2); change < 2 && !names_.empty(); ++change) {
+    for (unsigned change = Pick(2); change < 2 && !names_.empty(); ++change) {
       const std::string& name = names_[Pick(names_.size())];
-      params[name] = NewValue();
+      params[name] = values_[Pick(values_.size())];
       if (Pick(8) == 0) params.removeMember(name);
     }
     return params;
   }
+
+  /// Whether the module has asked for a parameter at all.
+  bool Varies() const { return !names_.empty(); }
 
   /// Takes the names of parameters from what the module did when it was given `params`.
   void Learn(const Json::Value& params, const std::vector<Json::Value>& trace) {
@@ -94,25 +113,10 @@ class ParamSource {
   }
 
  private:
-  size_t Pick(size_t count) { return random_() % count; }
-
-  Json::Value NewValue() {
-    Json::Value nested;
-    for (unsigned level = 0; level < kDeepLevels; ++level) {
-      Json::Value inner;
-      inner.swap(nested);
-      nested.append(std::move(inner));
-    }
-    // The trace hides a secret text wherever it stands, so none may be part of an operation's name.
-    std::string word;
-    while (word.size() < 8) word += static_cast<char>('a' + Pick(26));
-    const Json::Value values =
-        Args(true, false, word, word, word + "@vexa.example", Json::arrayValue, Json::objectValue, Json::nullValue,
-             nested, -1, 1e99, word + "\xff%s%n", word + '\0' + word, std::string(kHugeBytes, 'a'));
-    return values[static_cast<Json::ArrayIndex>(Pick(values.size()))];
-  }
+  unsigned Pick(size_t count) { return static_cast<unsigned>(random_() % count); }
 
   std::mt19937 random_;
+  Json::Value values_;
   std::vector<std::string> names_;
   Json::Value furthest_{Json::objectValue};
   size_t most_operations_ = 0;
@@ -134,8 +138,9 @@ std::string ListOperations(const std::vector<Json::Value>& trace) {
   std::string list;
   for (const Json::Value& line : trace) {
     const std::string name = line["op"].asString();
-    const std::string scope = name.substr(0, name.find("::"));
-    if (name != scope + "::" + scope) list += name + ' ';
+    const size_t scope = name.find("::");
+    const bool constructs = scope != std::string::npos && name.substr(scope + 2) == name.substr(0, scope);
+    if (!constructs) list.append(name).append(" ");
   }
   return list;
 }
@@ -146,7 +151,7 @@ class MethodCheck {
   MethodCheck(APIHandler handler, unsigned seed, Report& report) : handler_(handler), params_(seed), report_(report) {}
 
   void Run() {
-    for (unsigned round = 0; round < kRounds; ++round) {
+    for (unsigned round = 0; round < (params_.Varies() ? kRounds : kEqualRounds); ++round) {
       const Json::Value params = params_.Next();
       for (const bool admin : {false, true}) CallOnce(params, admin);
     }
@@ -159,13 +164,12 @@ class MethodCheck {
  private:
   void CallOnce(const Json::Value& params, bool admin) {
     Copy(report_.step, (admin ? "a call by an administrator with " : "a call by a user with ") + ToLine(params));
+    ++report_.calls;
     Trace& trace = Device::Get().trace;
     trace.Clear();
-    const size_t descriptors = CountEntries("/proc/self/fd");
-    const size_t threads = CountEntries("/proc/self/task");
     const Outcome outcome = Call(handler_, params, admin);
-    Expect("descriptors", CountEntries("/proc/self/fd") == descriptors, "other files are open than before");
-    if (broken_.count("threads") == 0) Expect("threads", !LeftThread(threads), "a thread was left behind");
+    Expect("descriptors", CountEntries("/proc/self/fd") == descriptors_, "other files are open than before");
+    if (broken_.count("threads") == 0) Expect("threads", !LeftThread(threads_), "a thread was left behind");
 
     const std::vector<Json::Value> lines = trace.Lines();
     const std::string operations = ListOperations(lines);
@@ -213,6 +217,8 @@ class MethodCheck {
   APIHandler handler_;
   ParamSource params_;
   Report& report_;
+  const size_t descriptors_ = CountEntries("/proc/self/fd");
+  const size_t threads_ = CountEntries("/proc/self/task");
   std::set<std::string> broken_;
   bool changing_ = false;
   unsigned thrown_ = 0;
@@ -255,15 +261,18 @@ void CheckMethod(const CheckOptions& options, unsigned index, Report& report) {
   Copy(report.step, "unloading");
 }
 
-/// Waits for the end of a child process, and kills it at the limit. Says how it ended.
-std::string Await(pid_t child, int limit_seconds) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(limit_seconds);
+/// Waits for the end of a child process, and kills it when a call passes the limit. Says how it ended.
+std::string Await(pid_t child, const Report& report, std::chrono::seconds limit) {
+  using Clock = std::chrono::steady_clock;
   int status = 0;
-  while (waitpid(child, &status, WNOHANG) == 0) {
-    const bool late = std::chrono::steady_clock::now() > limit;
-    if (late) kill(child, SIGKILL);
-    if (late && waitpid(child, &status, 0) == child) return "no end within " + std::to_string(limit_seconds) + " s";
-    std::this_thread::sleep_for(kPoll);
+  unsigned calls = report.calls;
+  for (auto since = Clock::now(); waitpid(child, &status, WNOHANG) == 0; std::this_thread::sleep_for(kPoll)) {
+    if (calls != report.calls) since = Clock::now();
+    calls = report.calls;
+    if (Clock::now() - since < limit) continue;
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return "no return within " + std::to_string(limit.count()) + " s";
   }
   if (WIFSIGNALED(status)) return std::string("the process died of: ") + strsignal(WTERMSIG(status));
   return "the process left with exit code " + std::to_string(WEXITSTATUS(status));
@@ -273,15 +282,21 @@ std::string Await(pid_t child, int limit_seconds) {
 void RunChild(const CheckOptions& options, Report& report, const std::function<void()>& work) {
   std::string folder = fs::temp_directory_path() / "webapi-check-XXXXXX";
   if (mkdtemp(folder.data()) == nullptr) throw std::system_error(errno, std::generic_category(), folder);
-  const auto remove = [](const std::string* path) { fs::remove_all(*path); };
+  const auto remove = [](const std::string* path) {
+    std::error_code error;
+    fs::remove_all(*path, error);
+  };
   const std::unique_ptr<std::string, decltype(remove)> removal(&folder, remove);
 
   report.finished = false;
   Copy(report.step, "loading");
+  Copy(report.error, "");
   const pid_t child = fork();
   if (child == -1) throw std::system_error(errno, std::generic_category(), "fork");
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // Lets a sanitizer start its own thread now, so that it does not count as the module's.
+    std::thread([] {}).join();
     try {
       const Device device(folder, Device::Clock::kCounted);
       work();
@@ -291,7 +306,7 @@ void RunChild(const CheckOptions& options, Report& report, const std::function<v
     }
     _exit(0);
   }
-  const std::string ending = Await(child, options.limit_seconds) + ", in " + report.step;
+  const std::string ending = Await(child, report, std::chrono::seconds(options.limit_seconds)) + ", in " + report.step;
   const std::string problem = report.finished ? "" : report.error[0] != '\0' ? report.error : ending;
   if (!report.loaded) throw ModuleError("cannot load '" + options.module.string() + "': " + problem);
   report.Print("returns", report.finished, problem);

@@ -10,8 +10,8 @@ struct CheckOptions {
   bool json = false;
   /// Where the parameters of the calls come from; the same seed makes the same calls.
   unsigned seed = 0;
-  /// What the calls of one method may take together.
-  int limit_seconds = 60;
+  /// What loading the module, and each of its calls, may take.
+  int limit_seconds = 10;
 };
 
 /// Holds a module binary against the handler contract and prints one line per check on standard output.

@@ -240,7 +240,7 @@ int Run(int argc, char** argv) {
   check->add_option("module", options.check.module, "The module to check")->required();
   check->add_flag("--json", options.check.json, "Print one JSON object a line");
   check->add_option("--seed", options.check.seed, "Repeat the calls of an earlier run; else they are new each time");
-  check->add_option("--limit", options.check.limit_seconds, "Seconds that the calls of one method may take together")
+  check->add_option("--limit", options.check.limit_seconds, "Seconds that one call may take")
       ->check(CLI::Range(1, 3600))
       ->capture_default_str();
 

@@ -60,7 +60,7 @@ void Stop() {
 void Work(const Json::Value& value) {
   const std::string text = value.isString() ? value.asString() : "";
   if (kBroken == Rule::kCrashes && text.find('\0') != std::string::npos) std::abort();
-  if (kBroken == Rule::kLoops && text.size() > 100000) Stop();
+  if (kBroken == Rule::kLoops && text.size() > 10000) Stop();
   if (kBroken == Rule::kExits && IsDeep(value)) _exit(0);
   if (kBroken == Rule::kLeavesFileOpen && value.isBool()) open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (kBroken == Rule::kLeavesThread && value.isInt()) std::thread(Stop).detach();
