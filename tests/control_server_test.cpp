@@ -185,13 +185,17 @@ TEST_F(AliasTest, AnAnswerThatTakesTooLongIsCutShort) {
   EXPECT_EQ(Logs().front(), "utils:275 request send failed: 28, network failed");
 }
 
-TEST_F(AliasTest, AFailedNotificationLeavesAliasAccountAndStatusStored) {
+TEST_F(AliasTest, AFailedNotificationLeavesStoredWhatWasStored) {
   device->faults.Add("VLIBServiceIsEnabled=1");
   device->faults.Add("VLIBServiceStop=-1");
   EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2900);
   EXPECT_EQ(ReadJson(kConf)["server_alias"]["name"], "mybox");
   EXPECT_EQ(ReadJson(kConf)["server_kova"]["account"], "owner@vexa.example");
   EXPECT_EQ(ReadJson(kAliasStatus)["mybox"]["status"], "registered");
+  EXPECT_EQ(CallMethod("Permission/1/set", R"({"services": []})").code, 2900);
+  EXPECT_EQ(Read(kServices), "[]\n");
+  EXPECT_EQ(CallMethod("Upnp/1/set", R"({"enabled": false})").code, 2900);
+  EXPECT_EQ(ReadJson(kUpnp)["enabled"], false);
 }
 
 TEST_F(AliasTest, AnAliasBelongsToOneAccountOnOneDevice) {

@@ -97,7 +97,8 @@ DeskTest::DeskTest() {
 DeskTest::~DeskTest() {
   control_server.reset();
   device.reset();
-  fs::remove_all(root_);
+  std::error_code gone;
+  fs::remove_all(root_, gone);
 }
 
 Outcome DeskTest::TryMethod(const std::string& method, const Json::Value& params, bool admin) {
