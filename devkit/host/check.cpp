@@ -320,6 +320,7 @@ bool CheckModule(const CheckOptions& options) {
   if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
   const std::unique_ptr<Report, decltype(unmap)> report(new (memory) Report{options.json, "module"}, unmap);
 
+  std::signal(SIGPIPE, SIG_IGN);  // A reader that goes away must not keep the folders from being removed.
   std::cout << (options.json ? "{\"seed\":" : "seed  ") << options.seed << (options.json ? "}" : "") << std::endl;
   RunChild(options, *report, [&] { CheckTable(options.module, *report); });
   const unsigned methods = report->broken ? 0 : report->rows;
