@@ -1,0 +1,116 @@
+#include "fuzz/stage.h"
+
+#include <json/writer.h>
+
+#include <filesystem>
+#include <iterator>
+#include <stdexcept>
+
+#include "error_codes.h"
+
+namespace desk {
+namespace {
+
+constexpr const char* kFiles[] = {kConf,
+                                  kServices,
+                                  kUpnp,
+                                  kAccount,
+                                  kSettings,
+                                  "usr/vexa/etc/vexarelayd/auth.conf",
+                                  "usr/vexa/etc/vexarelayd/alias_status.json",
+                                  "desk/services.json"};
+
+constexpr int kFirstStatus = 100;
+
+std::string Content(const Json::Value& value) { return value.isString() ? value.asString() : ToJsonText(value); }
+
+std::string PostFault(const Json::Value& answer) {
+  const int number = answer.isInt() ? answer.asInt() : 200;
+  Json::Value fault;
+  fault["result"] = number < kFirstStatus ? number : 0;
+  fault["status"] = number < kFirstStatus ? 0 : number;
+  fault["answer"] = answer.isInt() ? "" : Content(answer);
+  return "POST=" + ToJsonText(fault);
+}
+
+long OpenFiles() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+bool MayAnswer(const Answer& answer, bool reads) {
+  if (answer.success) return true;
+  if (reads) return answer.code == kGeneralError || answer.code == kNetworkError;
+  return answer.code >= kGeneralError && answer.code < kSuccess;
+}
+
+/// jsoncpp may throw for a document nested too deeply and for a parameter of another type, nothing else may.
+bool MayThrow(const std::string& problem, bool reads) {
+  if (problem == "Exceeded stackLimit in readValue().") return true;
+  return !reads && (problem == "Value is not convertible to bool." || problem == "Type is not convertible to string");
+}
+
+std::string Judge(const Outcome& outcome, bool reads) {
+  if (outcome.thrown && outcome.answers.empty() && MayThrow(*outcome.thrown, reads)) return *outcome.thrown;
+  if (!outcome.Problem().empty()) throw std::runtime_error(outcome.Problem());
+
+  const Answer& answer = outcome.answers.front();
+  std::string result = answer.success ? "success" : std::to_string(answer.code);
+  const auto type = answer.success && reads ? Json::objectValue : Json::nullValue;
+  if (answer.data.type() == type && MayAnswer(answer, reads)) return result;
+  throw std::runtime_error("answered " + result + " with " + ToJsonText(answer.data));
+}
+
+void ExpectRefusal(const Outcome& outcome) {
+  if (outcome.Problem().empty() && outcome.answers.front().code == kNotAdministrator) return;
+  throw std::runtime_error("served a caller who is no administrator");
+}
+
+}  // namespace
+
+std::string ToJsonText(const Json::Value& value) {
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  writer["emitUTF8"] = true;
+  return Json::writeString(writer, value);
+}
+
+std::string Stage::Play(const Json::Value& scene) {
+  const std::string method = scene["method"].asString();
+  const Json::Value params = scene.get("params", Json::objectValue);
+  const bool reads = method.find("set") == std::string::npos;
+  SetFiles(scene["files"]);
+  SetFaults(scene["faults"], scene["answers"]);
+
+  const long open_files = OpenFiles();
+  const Outcome refused = reads ? Outcome() : TryMethod(method, params, false);
+  const Outcome outcome = TryMethod(method, params);
+  const bool left_open = OpenFiles() != open_files;
+  const bool asked = Count("POST") > 0;
+  device->trace.Clear();
+  device->faults.Clear();
+
+  if (!reads) ExpectRefusal(refused);
+  if (left_open) throw std::runtime_error("left a file open");
+  if (outcome.thrown && asked) throw std::runtime_error("threw at what the control server answered");
+  return Judge(outcome, reads);
+}
+
+void Stage::SetFiles(const Json::Value& files) const {
+  for (const char* file : kFiles) {
+    const Json::Value content = files[Path(file).filename().string()];
+    if (content.isNull()) {
+      std::filesystem::remove(Path(file));
+    } else {
+      Write(file, Content(content));
+    }
+  }
+}
+
+void Stage::SetFaults(const Json::Value& faults, const Json::Value& answers) {
+  device->faults.Add("VLIBCExecl=0");
+  for (const Json::Value& fault : faults) device->faults.Add(fault.asString());
+  unsigned call = 0;
+  for (const Json::Value& answer : answers) device->faults.Add(PostFault(answer) + "@" + std::to_string(++call));
+}
+
+}  // namespace desk
