@@ -192,6 +192,8 @@ TEST_F(AliasTest, AFailedNotificationLeavesStoredWhatWasStored) {
   EXPECT_EQ(ReadJson(kConf)["server_alias"]["name"], "mybox");
   EXPECT_EQ(ReadJson(kConf)["server_kova"]["account"], "owner@vexa.example");
   EXPECT_EQ(ReadJson(kAliasStatus)["mybox"]["status"], "registered");
+  EXPECT_EQ(CallMethod("2/set_server_alias", R"({"server_alias": "second"})").code, 2900);
+  EXPECT_EQ(ReadJson(kConf)["server_alias"]["name"], "second");
   EXPECT_EQ(CallMethod("Permission/1/set", R"({"services": []})").code, 2900);
   EXPECT_EQ(Read(kServices), "[]\n");
   EXPECT_EQ(CallMethod("Upnp/1/set", R"({"enabled": false})").code, 2900);
