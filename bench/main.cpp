@@ -246,11 +246,9 @@ void ReportResources(const std::vector<Work>& works) {
 void ReportScaling(const std::map<std::string, Timing>& times) {
   const auto rate = [&](const std::string& name) { return times.at(name).items_per_second; };
   const double machine = rate(kArithmetic + kEightThreads) / rate(kArithmetic + kOneThread);
-  const double ours = rate(kShared + kEightThreads) / rate(kShared + kOneThread);
   PrintRow(kShared + ": calls/s, eight threads beside one", rate(kShared + kEightThreads), rate(kShared + kOneThread),
            machine >= kTwoCores ? AtLeast(kTwoCores) : Goal());
   PrintRow(kArithmetic + ": the same", rate(kArithmetic + kEightThreads), rate(kArithmetic + kOneThread));
-  PrintRow("scaling with eight threads, beside the loop's", ours, machine, AtLeast(kTwoCores / 2));
 }
 
 void ReportTimes(const std::vector<Work>& works) {
