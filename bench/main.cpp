@@ -131,12 +131,12 @@ Work MakeWriting(void* module, const std::string& root, unsigned entries, int ca
 }
 
 /// Loads a copy of the module: the loader would only count a second load of the file in use.
-Work MakeLoading(const std::string& root) {
+Work MakeLoading(const std::string& name, const std::string& root, const char* library_file, const Goal& goal) {
   const std::string copy = root + "/copy.so";
   fs::copy_file(MODULE_FILE, copy, fs::copy_options::overwrite_existing);
   const auto library = std::make_shared<void*>();
-  const Side floor = [=] { *library = Open(EMPTY_LIBRARY_FILE); };
-  return {"loading", root, 10, [=] { *library = Open(copy); }, floor, [=] { dlclose(*library); }, AtMost(3), {}};
+  const Side floor = [=] { *library = Open(library_file); };
+  return {name, root, 10, [=] { *library = Open(copy); }, floor, [=] { dlclose(*library); }, goal, {}};
 }
 
 std::vector<Work> MakeWorks(const std::string& folder) {
@@ -149,7 +149,8 @@ std::vector<Work> MakeWorks(const std::string& folder) {
   works.push_back(MakeWriting(module, folder, 1000, 10, AtMost(1.10)));
   works.push_back(MakeWriting(module, folder, 10000, 1, {}));
   works.push_back(MakeWriting(module, folder, 100000, 1, {}));
-  works.push_back(MakeLoading(folder));
+  works.push_back(MakeLoading("loading", folder, EMPTY_LIBRARY_FILE, AtMost(3)));
+  works.push_back(MakeLoading("loading, beside looking up the names", folder, NAMES_LIBRARY_FILE, {}));
   return works;
 }
 
