@@ -40,14 +40,22 @@ int CheckEntry(const Json::Value& value) {
   return kSuccess;
 }
 
+int CheckEntries(const Json::Value& services) {
+  Json::ArrayIndex index = 0;
+  for (auto entry = services.begin(), last = services.end(); entry != last; ++entry, ++index) {
+    // jsoncpp does not store what is missing from an array that was not filled in order: it reads as null.
+    const int code = CheckEntry(entry.index() == index ? *entry : Json::Value::nullSingleton());
+    if (code != kSuccess) return code;
+  }
+  return kSuccess;
+}
+
 int ReplaceServices(VEXA::APIRequest& request) {
   if (!request.HasParam("services")) return kUnit.Fail(kInvalidRequest, 31, "%s:%d Invalid parameter");
   const Json::Value services = request.GetParam("services", Json::Value());
   if (!services.isArray()) return kUnit.Fail(kInvalidRequest, 38, "%s:%d Invalid parameter");
-  for (const Json::Value& entry : services) {
-    const int code = CheckEntry(entry);
-    if (code != kSuccess) return code;
-  }
+  const int code = CheckEntries(services);
+  if (code != kSuccess) return code;
   if (!WriteJsonFile(kServicesPath, services)) {
     return kUnit.Fail(kGeneralError, 63, "%s:%d write file[%s] failed", kServicesPath);
   }
