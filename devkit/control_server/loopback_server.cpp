@@ -13,12 +13,44 @@ void SetReuseAddress(socket_t socket) {
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
 }
 
+/// The library bounds a body by its Content-Length only.
+httplib::Server::HandlerResponse CheckHead(const httplib::Request& request, httplib::Response& response) {
+  for (const char* header : {"Transfer-Encoding", "Content-Encoding"}) {
+    if (!request.has_header(header)) continue;
+    Refuse(response, 400, std::string("the header ") + header + " is not served; send the body as it is");
+    return httplib::Server::HandlerResponse::Handled;
+  }
+  return httplib::Server::HandlerResponse::Unhandled;
+}
+
+/// The library's own refusals have no text.
+void Explain(const httplib::Request&, httplib::Response& response) {
+  if (response.has_header("Content-Type")) return;
+  if (response.status == 413) return Refuse(response, 413, "the request body is larger than 1 MiB");
+  if (response.status == 404) return Refuse(response, 404, "nothing is served under this path");
+  Refuse(response, response.status, "the request cannot be served");
+}
+
 }  // namespace
+
+void Refuse(httplib::Response& response, int status, const std::string& message) {
+  const std::string text = message + "\n";
+  // A provider that reports a failure has the library close the connection.
+  const auto write_all = [text](size_t, size_t, httplib::DataSink& sink) {
+    sink.write(text.data(), text.size());
+    return false;
+  };
+  response.status = status;
+  response.set_header("Connection", "close");
+  response.set_content_provider(text.size(), "text/plain", write_all);
+}
 
 LoopbackServer::LoopbackServer() {
   http.set_socket_options(SetReuseAddress);
   http.set_tcp_nodelay(true);
   http.set_payload_max_length(kMostRequestBytes);
+  http.set_pre_routing_handler(CheckHead);
+  http.set_error_handler(Explain);
 }
 
 LoopbackServer::~LoopbackServer() {

@@ -27,4 +27,8 @@ class LoopbackServer {
 
 constexpr size_t kMostRequestBytes = 1 << 20;
 
+/// Answers with `message` and ends the connection: the library may have left the body unread, and would take it
+/// for the next request.
+void Refuse(httplib::Response& response, int status, const std::string& message);
+
 }  // namespace desk

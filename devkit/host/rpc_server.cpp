@@ -72,6 +72,7 @@ Json::Value Dispatch(const Module& module, const Json::Value& request, bool admi
   return reply;
 }
 
+/// A web page must not reach the device through a name that it made point to this machine.
 bool IsLoopbackHost(const std::string& header) {
   const std::string host = header.substr(0, header.rfind(':'));
   return host == "127.0.0.1" || host == "localhost";
@@ -79,26 +80,6 @@ bool IsLoopbackHost(const std::string& header) {
 
 bool IsJson(const std::string& content_type) {
   return content_type.substr(0, content_type.find(';')) == "application/json";
-}
-
-void Refuse(httplib::Response& response, int status, const std::string& message) {
-  response.status = status;
-  response.set_content(message + "\n", "text/plain");
-}
-
-/// The library's own refusals have no text.
-void Explain(const httplib::Request&, httplib::Response& response) {
-  if (!response.body.empty()) return;
-  if (response.status == 413) return Refuse(response, 413, "the request body is larger than 1 MiB");
-  if (response.status == 404) return Refuse(response, 404, "nothing here; send POST /rpc");
-  Refuse(response, response.status, "the request cannot be served");
-}
-
-/// A web page must not reach the device through a name that it made point to this machine.
-httplib::Server::HandlerResponse CheckHost(const httplib::Request& request, httplib::Response& response) {
-  if (IsLoopbackHost(request.get_header_value("Host"))) return httplib::Server::HandlerResponse::Unhandled;
-  Refuse(response, 403, "the Host header names neither 127.0.0.1 nor localhost");
-  return httplib::Server::HandlerResponse::Handled;
 }
 
 }  // namespace
@@ -128,12 +109,13 @@ std::string CodeText(int code) {
 
 RpcServer::RpcServer(const Module& module, std::string admin_token)
     : module_(module), admin_token_(std::move(admin_token)) {
-  server_.http.set_pre_routing_handler(CheckHost);
-  server_.http.set_error_handler(Explain);
   server_.http.Post("/rpc", [this](const auto& request, auto& response) { Serve(request, response); });
 }
 
 void RpcServer::Serve(const httplib::Request& request, httplib::Response& response) const {
+  if (!IsLoopbackHost(request.get_header_value("Host"))) {
+    return Refuse(response, 403, "the Host header names neither 127.0.0.1 nor localhost");
+  }
   if (!IsJson(request.get_header_value("Content-Type"))) {
     return Refuse(response, 415, "the content type is not application/json");
   }
