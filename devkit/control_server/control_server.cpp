@@ -3,8 +3,10 @@
 #include <openssl/evp.h>
 #include <platform/relay.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <iostream>
 
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
@@ -17,6 +19,7 @@ namespace {
 namespace relay = VEXA::Relay;
 
 constexpr int kFirstServerId = 100001;
+constexpr unsigned kMostBytes = 4 << 20;
 constexpr auto kMostDelay = std::chrono::seconds(30);
 
 std::string Md5(const std::string& text) {
@@ -162,7 +165,9 @@ void Misbehave(const Json::Value& step, httplib::Response& response) {
   if (step["text"].isString()) response.set_content(step["text"].asString(), "text/plain");
   if (step.isMember("answer")) response.set_content(ToLine(step["answer"]), "application/json");
   if (step["error"].isInt()) response.set_content(ToLine(Error(step["error"].asInt())), "application/json");
-  if (step["bytes"].isUInt()) response.set_content(std::string(step["bytes"].asUInt() % (4u << 20), ' '), "text/plain");
+  if (step["bytes"].isUInt()) {
+    response.set_content(std::string(std::min(step["bytes"].asUInt(), kMostBytes), ' '), "text/plain");
+  }
   if (step["cut"].isBool() && step["cut"].asBool()) CutOff(response);
 }
 
@@ -174,12 +179,6 @@ bool OnlyDelays(const Json::Value& step) {
   return true;
 }
 
-void Delay(const Json::Value& step) {
-  if (!step["delay_ms"].isUInt()) return;
-  std::this_thread::sleep_for(
-      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(step["delay_ms"].asUInt()), kMostDelay));
-}
-
 }  // namespace
 
 ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(folder) {
@@ -188,6 +187,12 @@ ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(fold
     throw std::runtime_error("cannot write the control server's state into '" + folder_.string() + "'");
   }
   server_.http.Post("/relay", [this](const auto& request, auto& response) { Serve(request, response); });
+}
+
+ControlServer::~ControlServer() {
+  const std::lock_guard lock(mutex_);
+  ending_ = true;
+  end_.notify_all();
 }
 
 void ControlServer::Serve(const httplib::Request& request, httplib::Response& response) {
@@ -206,7 +211,10 @@ Json::Value ControlServer::TakeStep(const std::string& command) {
   const std::lock_guard lock(mutex_);
   const std::filesystem::path file = folder_ / "script.json";
   const Json::Value steps = LoadJson(file);
-  if (!steps.isArray()) return Json::Value();
+  if (!steps.isArray()) {
+    if (std::filesystem::exists(file)) std::cerr << "control server: " << file << " is no JSON array; ignored\n";
+    return Json::Value();
+  }
   Json::Value rest(Json::arrayValue);
   Json::Value taken;
   for (Json::Value step : steps) {
@@ -220,6 +228,14 @@ Json::Value ControlServer::TakeStep(const std::string& command) {
   }
   if (!taken.isNull()) StoreJson(file, rest);
   return taken;
+}
+
+void ControlServer::Delay(const Json::Value& step) {
+  if (!step["delay_ms"].isUInt()) return;
+  std::unique_lock lock(mutex_);
+  const auto delay =
+      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(step["delay_ms"].asUInt()), kMostDelay);
+  end_.wait_for(lock, delay, [this] { return ending_; });
 }
 
 void ControlServer::Expire(const std::string& key) {

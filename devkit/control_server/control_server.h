@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <mutex>
 
@@ -15,6 +16,7 @@ class ControlServer {
  public:
   /// Makes the folder and its first state when they are missing.
   explicit ControlServer(const std::filesystem::path& folder);
+  ~ControlServer();
 
   /// Starts to serve and returns the port. Throws as `LoopbackServer::Start` does.
   int Start(int port = 0) { return server_.Start(port); }
@@ -23,12 +25,16 @@ class ControlServer {
   void Serve(const httplib::Request& request, httplib::Response& response);
   /// Takes the next step of the script that is for `command`; null when there is none.
   Json::Value TakeStep(const std::string& command);
+  /// Waits as long as the step says, but not beyond the end of the server.
+  void Delay(const Json::Value& step);
   /// A key that a step called expired stays expired.
   void Expire(const std::string& key);
   Json::Value Execute(const Json::Value& request);
 
   std::filesystem::path folder_;
   std::mutex mutex_;
+  bool ending_ = false;
+  std::condition_variable end_;
   LoopbackServer server_;
 };
 
