@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -67,7 +68,10 @@ class TraceWriter {
 
  private:
   void Write(const Json::Value& line, const std::string& text) {
-    if (out_ != nullptr) *out_ << text << std::endl;
+    if (out_ != nullptr && !(*out_ << text << std::endl)) {
+      std::cerr << "webapi-host: the trace cannot be written any more\n";
+      out_ = nullptr;
+    }
     if (line["op"] == "syslog") std::cerr << "log: " << line["args"][1].asString() << std::endl;
   }
 
@@ -84,7 +88,6 @@ struct Desk {
     if (options.control_port != 0) return;
     control_server.emplace(device.Root() / "desk/control-server");
     device.control_port = control_server->Start();
-    desk::StoreText(device.Root() / "desk/control-server/port", std::to_string(device.control_port) + "\n");
   }
 
   desk::Device device;
@@ -96,23 +99,30 @@ std::unique_ptr<desk::Module> LoadModule(const Options& options) {
   return std::make_unique<desk::Module>(options.module);
 }
 
-int WaitForEnd() {
+sigset_t EndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  int signal = 0;
-  sigwait(&signals, &signal);
-  return kDone;
+  return signals;
 }
 
 /// Threads that start from now on leave the signals that end the program to `WaitForEnd`.
 void BlockEndSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
+  const sigset_t signals = EndSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+/// After the signal, clients have a few seconds to finish what they send; a second signal ends the program at once.
+int WaitForEnd() {
+  constexpr unsigned kPatienceSeconds = 10;
+  const sigset_t signals = EndSignals();
+  int signal = 0;
+  sigwait(&signals, &signal);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  std::signal(SIGALRM, [](int) { _exit(kDone); });
+  alarm(kPatienceSeconds);
+  return kDone;
 }
 
 int List(const Options& options) {
@@ -163,9 +173,15 @@ int Call(const Options& options) {
   return answer.success ? kDone : kErrorAnswer;
 }
 
+void Store(const fs::path& file, const std::string& text) {
+  if (!desk::StoreText(file, text + "\n")) throw UsageError("cannot write '" + file.string() + "'");
+}
+
+/// Only the file's owner may read a token, at any time.
 void StoreToken(const fs::path& file, const std::string& token) {
-  if (!desk::StoreText(file, token + "\n")) throw UsageError("cannot write '" + file.string() + "'");
-  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+  const mode_t former = umask(0077);
+  Store(file, token);
+  umask(former);
 }
 
 int Serve(Options options) {
@@ -177,6 +193,9 @@ int Serve(Options options) {
   desk::RpcServer server(*module, token);
   const int port = server.Start(options.port);
   StoreToken(desk.device.Root() / "desk/admin-token", token);
+  if (desk.control_server) {
+    Store(desk.device.Root() / "desk/control-server/port", std::to_string(desk.device.control_port));
+  }
   std::cerr << "webapi-host: serving http://127.0.0.1:" << port << "/rpc for the device in " << desk.device.Root()
             << "\n  control server: 127.0.0.1:" << desk.device.control_port << "\n  trace:          " << options.trace
             << "\n  admin token:    " << token << "\n  Ctrl-C ends it." << std::endl;
@@ -260,7 +279,9 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return Run(argc, argv);
+    const int result = Run(argc, argv);
+    if (!std::cout.flush()) throw std::runtime_error("standard output cannot be written");
+    return result;
   } catch (const desk::ModuleError& problem) {
     std::cerr << "webapi-host: " << problem.what() << '\n';
     return kModuleFailed;
