@@ -18,7 +18,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "devkit/device/operation.h"
@@ -110,10 +112,12 @@ void Log(int priority, const char* format, va_list args) {
   if (Device::Find() == nullptr) return vsyslog(priority, format, args);
   const int error = errno;
   const desk::BookKeeping no_fault;
-  char text[8192];
+  char* text = nullptr;
   // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started by both callers
-  std::vsnprintf(text, sizeof(text), format, args);
-  Record("syslog", Args(priority, text), Json::Value());
+  const int size = vasprintf(&text, format, args);
+  const std::unique_ptr<char, decltype(&std::free)> memory(size < 0 ? nullptr : text, std::free);
+  // Whole, so that secrets are found in it: one that is cut short would not be.
+  if (memory) Record("syslog", Args(priority, memory.get()), Json::Value());
   errno = error;
 }
 

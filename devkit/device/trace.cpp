@@ -38,6 +38,13 @@ void Trace::Record(Json::Value line) {
   lines_.push_back(std::move(line));
 }
 
+/// A secret can also stand in a text as the JSON writers spell it.
+void Trace::HideSpellings(const std::string& text) {
+  Hide(text);
+  const std::string quoted = ToLine(text);
+  Hide(quoted.substr(1, quoted.size() - 2));
+}
+
 void Trace::Hide(const std::string& text) {
   if (text.size() < kLeastSecretBytes || std::find(secrets_.begin(), secrets_.end(), text) != secrets_.end()) return;
   secrets_.push_back(text);
@@ -49,7 +56,7 @@ void Trace::HideMembers(const Json::Value& value) {
   for (auto item = value.begin(); item != value.end(); ++item) {
     if (value.isObject() && IsSecret(item.name()) && item->isString()) {
       const std::lock_guard lock(mutex_);
-      Hide(item->asString());
+      HideSpellings(item->asString());
     }
     HideMembers(*item);
   }
