@@ -122,6 +122,9 @@ class ParamSource {
   size_t most_operations_ = 0;
 };
 
+/// The signal that is to end the check.
+volatile std::sig_atomic_t end_signal = 0;
+
 size_t CountEntries(const char* folder) {
   return static_cast<size_t>(std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
 }
@@ -269,9 +272,10 @@ std::string Await(pid_t child, const Report& report, std::chrono::seconds limit)
   for (auto since = Clock::now(); waitpid(child, &status, WNOHANG) == 0; std::this_thread::sleep_for(kPoll)) {
     if (calls != report.calls) since = Clock::now();
     calls = report.calls;
-    if (Clock::now() - since < limit) continue;
+    if (Clock::now() - since < limit && end_signal == 0) continue;
     kill(child, SIGKILL);
     waitpid(child, &status, 0);
+    if (end_signal != 0) throw std::runtime_error(std::string("ended by: ") + strsignal(end_signal));
     return "no return within " + std::to_string(limit.count()) + " s";
   }
   if (WIFSIGNALED(status)) return std::string("the process died of: ") + strsignal(WTERMSIG(status));
@@ -320,7 +324,9 @@ bool CheckModule(const CheckOptions& options) {
   if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
   const std::unique_ptr<Report, decltype(unmap)> report(new (memory) Report{options.json, "module"}, unmap);
 
-  std::signal(SIGPIPE, SIG_IGN);  // A reader that goes away must not keep the folders from being removed.
+  // Neither a reader that goes away nor a signal may keep the folders from being removed.
+  std::signal(SIGPIPE, SIG_IGN);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, [](int number) { end_signal = number; });
   std::cout << (options.json ? "{\"seed\":" : "seed  ") << options.seed << (options.json ? "}" : "") << std::endl;
   RunChild(options, *report, [&] { CheckTable(options.module, *report); });
   const unsigned methods = report->broken ? 0 : report->rows;
