@@ -94,6 +94,21 @@ int SwitchService(const std::string& name, bool on) {
   return desk::StoreJson(device.Root() / "desk/services.json", states) ? 0 : -1;
 }
 
+/// Starts a program in a process group of its own, with the host's standard error for its output.
+bool Spawn(const std::string& program, char* const* argv, pid_t& child) {
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+  const int error = posix_spawn(&child, program.c_str(), &actions, &attributes, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  return error == 0;
+}
+
 /// Runs a program and waits for its end. Its exit code, or -1 when it could not be run or took too long.
 int RunProgram(const std::string& program, std::vector<std::string> words) {
   std::vector<char*> argv;
@@ -101,12 +116,12 @@ int RunProgram(const std::string& program, std::vector<std::string> words) {
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   pid_t child = 0;
-  if (posix_spawn(&child, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) return -1;
+  if (!Spawn(program, argv.data(), child)) return -1;
 
   const auto end = std::chrono::steady_clock::now() + kProgramLimit;
   int status = 0;
   while (waitpid(child, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > end) kill(child, SIGKILL);
+    if (std::chrono::steady_clock::now() > end) kill(-child, SIGKILL);
     std::this_thread::sleep_for(kProgramPoll);
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
