@@ -44,6 +44,7 @@ int LoadAccount(Json::Value& account) {
 
 int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
   Json::Value record;
+  last_error = kNone;
   Operation operation("VEXAKOVAAccountGet");
   const int result = operation.Output("record", record).Run([&] { return LoadAccount(record); });
   if (result != 0) return result;
@@ -58,6 +59,7 @@ int VEXAKOVAErrGet() {
 }
 
 int VEXAKOVAAccountQueryInfo(Json::Value& info, bool online, bool refresh) {
+  last_error = kNone;
   Operation operation("VEXAKOVAAccountQueryInfo", Args(online, refresh));
   return operation.Output("info", info).Run([&] {
     Json::Value record;

@@ -88,15 +88,16 @@ Json::Value Readable(const std::string& text) {
 
 Transfer Post(const std::string& url, const std::string& text) {
   Transfer transfer;
+  Json::Value arrived;
   Json::Value answer;
   Operation operation("POST", Args(url, Readable(text)));
   operation.Output("status", transfer.status).Output("answer", answer);
   transfer.result = operation.Run([&] {
     const int result = Perform(url, text, transfer);
-    answer = Readable(transfer.answer);
+    answer = arrived = Readable(transfer.answer);
     return result;
   });
-  transfer.answer = answer.isString() ? answer.asString() : ToLine(answer);
+  if (answer != arrived) transfer.answer = answer.isString() ? answer.asString() : ToLine(answer);
   return transfer;
 }
 
