@@ -22,7 +22,10 @@ std::atomic<Device*> current{nullptr};
 fs::path PrepareRoot(const fs::path& root) {
   std::error_code error;
   fs::create_directories(root, error);
-  if (!fs::is_directory(root)) throw std::runtime_error("cannot make the device folder '" + root.string() + "'");
+  if (!fs::is_directory(root)) {
+    const std::string reason = error ? error.message() : "it is no folder";
+    throw std::runtime_error("cannot make the device folder '" + root.string() + "': " + reason);
+  }
   fs::path absolute = fs::canonical(root);
   if (absolute == "/") throw std::runtime_error("the machine's own root cannot be a desk device; name another folder");
   if (fs::is_empty(absolute)) {
@@ -83,6 +86,10 @@ bool ParseJson(const std::string& text, Json::Value& value, std::string& problem
   Json::CharReaderBuilder builder;
   builder["failIfExtra"] = true;
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  if (text.find('\0') != std::string::npos) {
+    problem = "it holds a NUL byte";
+    return false;
+  }
   try {
     return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
   } catch (const std::exception& error) {

@@ -15,6 +15,7 @@ namespace {
 
 constexpr int kMostErrors = 134;
 constexpr char kAny[] = "*";
+constexpr size_t kMostMet = 1000;
 
 bool IsFileFunction(const std::string& name) {
   constexpr std::array kNames = {"fopen", "read", "write", "writev", "rename", "unlink", "chmod"};
@@ -92,7 +93,7 @@ std::optional<Json::Value> Faults::Take(const std::string& operation) {
     const unsigned number = fault.operation == operation ? call : fault.operation == kAny ? any_call : 0;
     if (number == 0 || number < fault.first || number > fault.last) continue;
     fault.met = true;
-    met_.push_back(operation);
+    if (met_.size() < kMostMet) met_.push_back(operation);
     return fault.result;
   }
   return std::nullopt;

@@ -27,7 +27,7 @@ class Faults {
   /// Counts one call of `operation` and gives the result that the first matching fault has for it.
   std::optional<Json::Value> Take(const std::string& operation);
 
-  /// Names of the operations that met a fault, in order.
+  /// Names of the first thousand operations that met a fault, in order.
   std::vector<std::string> Met() const;
 
   /// The faults that no call has met yet, as they were written.
