@@ -7,6 +7,12 @@ build_packages=(g++ cmake ninja-build pkg-config "${library_packages[@]}")
 
 say() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; }
 
+# Ends the script for a mistake of its caller's. The words say how it is used.
+usage() {
+  say "usage: script/$(basename "$0") $*"
+  exit 2
+}
+
 # Installs those of the named Debian packages that are missing.
 need_packages() {
   local missing=() package as_root=()
