@@ -1,9 +1,5 @@
 // Registration of server and alias, over real HTTP to the control server on the loopback address.
 
-#include <thread>
-
-#include "devkit/control_server/loopback_server.h"
-#include "devkit/relay/transfer.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {
@@ -11,28 +7,9 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-constexpr char kAuth[] = "usr/vexa/etc/vexarelayd/auth.conf";
-constexpr char kAliasStatus[] = "usr/vexa/etc/vexarelayd/alias_status.json";
-
 class AliasTest : public DeskTest {
  protected:
   AliasTest() { StartControlServer(); }
-
-  /// The daemon runs and knows its server id, so that no registration is needed.
-  void RunDaemon() {
-    ASSERT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success);
-    ASSERT_TRUE(CallMethod("1/set", R"({"enabled": true})").success);
-    device->Sleep(std::chrono::seconds(60));
-  }
-
-  /// Bodies of the requests that the last call posted.
-  std::vector<Json::Value> Posted() const {
-    std::vector<Json::Value> bodies;
-    for (const Json::Value& line : device->trace.Lines()) {
-      if (line["op"] == "POST") bodies.push_back(line["args"][1]);
-    }
-    return bodies;
-  }
 };
 
 TEST_F(AliasTest, Version1RegistersSiteServerAndAlias) {
@@ -47,33 +24,6 @@ TEST_F(AliasTest, Version1RegistersSiteServerAndAlias) {
   EXPECT_EQ(conf["server_id"], "100001");
   EXPECT_EQ(ReadJson(kAliasStatus)["mybox"]["status"], "registered");
   EXPECT_EQ(CallMethod("1/status").data["alias_status"], "registered");
-}
-
-TEST_F(AliasTest, RequestsCarryTheseMembers) {
-  const std::string device_name = ReadJson(kAuth)["device"].asString();
-  const auto expect = [&](const Json::Value& body, const std::string& text) {
-    Json::Value expected = ParseJson(text);
-    if (body.isMember("auth")) {
-      expected["auth"]["device"] = device_name;
-      expected["auth"]["api_key"] = "(hidden)";
-    }
-    EXPECT_EQ(ToLine(body), ToLine(expected));
-  };
-  CallMethod("1/set_server_alias", kAliasV1);
-  ASSERT_EQ(Posted().size(), 3u);
-  expect(Posted()[0], R"({"version": 1, "command": "get_register_site"})");
-  expect(Posted()[1], R"({"version": 1, "command": "register"})");
-  expect(Find("AliasRequest::SetRequest")["args"][1],
-         R"json({"version": 1, "server_id": "100001", "server_alias": "mybox",
-      "kova_account": "owner@vexa.example", "kova_password": "(hidden)", "force": "false"})json");
-  CallMethod("2/set_server_alias", R"({"server_alias": "mybox", "force": true})");
-  ASSERT_EQ(Posted().size(), 2u) << "a control server of its own: no register site";
-  expect(Find("AliasRequest::SetRequest")["args"][1],
-         R"json({"version": 1, "server_id": "100001", "server_alias": "mybox",
-      "kova_id": "kova-1001", "auth_key": "(hidden)", "force": "true"})json");
-  EXPECT_EQ(Find("AliasRequest::SetRequest")["args"][0], 1);
-  EXPECT_EQ(Find("RelaydConf::WriteAliasName")["args"], ParseJson(R"(["", "mybox"])"));
-  EXPECT_EQ(Find("AliasStatus::SetStatus")["args"], ParseJson(R"(["mybox", "registered", "", true])"));
 }
 
 TEST_F(AliasTest, ThePasswordIsSentAsItsDigestAndNeverStored) {
@@ -96,17 +46,6 @@ TEST_F(AliasTest, ThePasswordIsSentAsItsDigestAndNeverStored) {
   EXPECT_EQ(Logs().at(0).rfind("tunnelbridge.v2:68 Alias set error: {\n", 0), 0u) << Logs().at(0);
 }
 
-TEST_F(AliasTest, ARunningDaemonWithAServerIdIsNotRegisteredAgain) {
-  RunDaemon();
-  for (const char* state : {R"({"status":"not_running"})", R"({"server_id":""})", R"({"status":"connected"})"}) {
-    device->faults.Clear();
-    device->faults.Add(std::string("Daemon::GetStatus=") + state);
-    EXPECT_TRUE(CallMethod("2/set_server_alias", kAliasV2).success);
-    EXPECT_EQ(Count("AuthConf::ReadConf"), std::string(state).find("connected") == std::string::npos ? 1u : 0u)
-        << state;
-  }
-}
-
 TEST_F(AliasTest, FormsOfAliasAndAccount) {
   device->faults.Add(R"(AliasRequest::Send={"alias_result":1})");
   for (const auto& row : ReadTable("forms.txt")) {
@@ -117,7 +56,6 @@ TEST_F(AliasTest, FormsOfAliasAndAccount) {
     if (row[0] != "server_alias") continue;
     EXPECT_EQ(TryMethod("2/set_server_alias", params).answers.at(0).code, code) << row[2];
   }
-  EXPECT_EQ(ToLine(Find("regcomp")["args"]), R"(["^[a-zA-Z][a-zA-Z0-9\\-]*$",5])");
 }
 
 TEST_F(AliasTest, EveryExchangeCanFail) {
@@ -142,40 +80,6 @@ TEST_F(AliasTest, EveryExchangeCanFail) {
     EXPECT_EQ(Count("AuthConf::GenerateApiKey"), expired ? 1u : 0u);
     EXPECT_EQ(Read(kAuth) != auth, expired);
   }
-}
-
-TEST_F(AliasTest, ARequestThatCannotBePutTogetherLeavesTheResultUnset) {
-  const struct {
-    const char* fault;
-    Names logs;
-  } cases[] = {
-      {"AuthConf::Write=false",
-       {"utils:323 get auth token failed", "utils:373 reponse failed: 0, unknown result",
-        "tunnelbridge.v1:33 Register serverid faield"}},
-      {"Request::Set=false@2",
-       {"utils:329 set register command failed", "utils:373 reponse failed: 0, unknown result",
-        "tunnelbridge.v1:33 Register serverid faield"}},
-      {"Request::Set=false@1",
-       {"utils:266 set register command failed", "tunnelbridge.v1:23 Get register site faield"}},
-  };
-  const std::string conf = Read(kConf);
-  for (const auto& row : cases) {
-    Write(kConf, conf);
-    device->faults.Clear();
-    device->faults.Add(row.fault);
-    EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2900) << row.fault;
-    EXPECT_EQ(Logs(), row.logs);
-  }
-}
-
-TEST_F(AliasTest, WithoutAControlServerBothVersionsReportTheNetwork) {
-  control_server.reset();
-  EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2902);
-  EXPECT_EQ(Logs(),
-            (Names{"utils:275 request send failed: 7, network failed", "tunnelbridge.v1:23 Get register site faield"}));
-  EXPECT_EQ(CallMethod("2/set_server_alias", kAliasV2).code, 2902);
-  EXPECT_EQ(Logs().back(), "tunnelbridge.v2:49 Register serverid faield");
-  EXPECT_EQ(Post("http://elsewhere.example/relay", "{}").result, 6) << "no host but the desk's resolves";
 }
 
 TEST_F(AliasTest, AnAnswerThatTakesTooLongIsCutShort) {

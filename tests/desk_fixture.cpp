@@ -41,9 +41,9 @@ std::vector<std::string> Split(const std::string& text, const std::string& separ
   return parts;
 }
 
-std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
+std::vector<Row> ReadTable(const std::string& name) {
   constexpr size_t kMostColumns = 6;
-  std::vector<std::vector<std::string>> rows;
+  std::vector<Row> rows;
   std::ifstream file(std::string(DATA_FOLDER "/") + name);
   for (std::string line; std::getline(file, line);) {
     if (line.empty() || line[0] == '#') continue;
@@ -52,6 +52,12 @@ std::vector<std::vector<std::string>> ReadTable(const std::string& name) {
   }
   EXPECT_FALSE(rows.empty()) << name;
   return rows;
+}
+
+std::string NameOfRow(const testing::TestParamInfo<Row>& row) {
+  std::string name = row.param[0] + "_" + std::to_string(row.index);
+  for (char& letter : name) letter = letter == '/' ? '_' : letter;
+  return name;
 }
 
 std::vector<std::string> Parts(const std::string& cell) {
@@ -66,7 +72,9 @@ std::string Params(const std::string& cell) {
 }
 
 void DeskTest::Arrange(const std::string& given) {
-  const std::map<std::string, std::string> files = {{"conf", kConf}, {"account", kAccount}, {"upnp", kUpnp}};
+  const std::map<std::string, std::string> files = {
+      {"conf", kConf}, {"account", kAccount},     {"upnp", kUpnp},        {"services", kServices},
+      {"auth", kAuth}, {"aliases", kAliasStatus}, {"settings", kSettings}};
   for (const std::string& part : Parts(given)) {
     const size_t equals = part.find('=');
     const auto file = files.find(part.substr(0, equals));

@@ -18,6 +18,8 @@ namespace desk {
 constexpr char kConf[] = "usr/vexa/etc/vexarelayd/vexarelayd.conf";
 constexpr char kServices[] = "usr/vexa/etc/vexarelayd/services.conf";
 constexpr char kUpnp[] = "usr/vexa/etc/vexarelayd/upnp.conf";
+constexpr char kAuth[] = "usr/vexa/etc/vexarelayd/auth.conf";
+constexpr char kAliasStatus[] = "usr/vexa/etc/vexarelayd/alias_status.json";
 constexpr char kSettings[] = "etc/vexainfo.conf";
 constexpr char kAccount[] = "usr/vexa/etc/kova/account.json";
 
@@ -86,7 +88,11 @@ Json::Value ParseJson(const std::string& text);
 
 /// The rows of a table in tests/data: one a line, columns apart by " | ", "-" where there is nothing;
 /// '#' starts a comment.
-std::vector<std::vector<std::string>> ReadTable(const std::string& name);
+using Row = std::vector<std::string>;
+std::vector<Row> ReadTable(const std::string& name);
+
+/// A test's name: the first column of its row and the number of the row.
+std::string NameOfRow(const testing::TestParamInfo<Row>& row);
 
 /// The parts of a table's cell, apart by " ; ".
 std::vector<std::string> Parts(const std::string& cell);

@@ -1,9 +1,11 @@
 // The desk device itself: its folder, its faults, its trace, its settings file and services.
 
+#include <curl/curl.h>
 #include <platform/system.h>
 
 #include <stdexcept>
 
+#include "devkit/relay/transfer.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {
@@ -55,10 +57,14 @@ TEST_F(DeskTest, TheSettingsFileKeepsItsOtherLines) {
   EXPECT_LT(VLIBCINFOSetKeyValue("new", "3"), 0) << "write-protected, for the superuser too";
 }
 
-TEST_F(DeskTest, ABrokenFileOfTheRelayLibraryIsNotReplaced) {
-  Write(kUpnp, "{");
-  EXPECT_EQ(CallMethod("Upnp/1/set", R"({"enabled": true})").code, 2900);
-  EXPECT_EQ(Read(kUpnp), "{");
+TEST_F(DeskTest, TheAccountToolRunsAndNotesIt) {
+  EXPECT_EQ(VLIBCExecl("/usr/vexa/bin/vexakova", 0, "--query_account", static_cast<const char*>(nullptr)), 0);
+  EXPECT_EQ(Read("desk/vexakova.log"), "vexakova --query_account\n");
+}
+
+TEST_F(DeskTest, NoHostButTheDesksResolves) {
+  StartControlServer();
+  EXPECT_EQ(Post("http://elsewhere.example/relay", "{}").result, CURLE_COULDNT_RESOLVE_HOST);
 }
 
 TEST_F(DeskTest, NothingInTheFolderBringsItDown) {

@@ -75,12 +75,5 @@ TEST_F(FilesTest, AFullDiskDeletesALargeListAndGoesUnnoticedForASmallOne) {
   EXPECT_EQ(Count("VLIBServiceIsRunning"), 0u);
 }
 
-TEST_F(FilesTest, AListThatCannotBeOpenedStaysAsItIs) {
-  const std::string before = Read(kServices);
-  device->faults.Add("fopen=EMFILE");
-  EXPECT_EQ(TryMethod("Permission/1/set", Services(1)).answers.front().code, 2900);
-  EXPECT_EQ(Read(kServices), before);
-}
-
 }  // namespace
 }  // namespace desk

@@ -67,22 +67,5 @@ TEST_F(UtilsTest, AFailedReadEmptiesTheDocument) {
   EXPECT_EQ(Logs(), std::vector<std::string>());
 }
 
-TEST_F(UtilsTest, ASectionIsOverwrittenThenVerified) {
-  VEXA::Relay::AliasConf alias;
-  const Json::Value document = ParseJson(R"({"server_alias": {"name": "mybox"}})");
-  device->trace.Clear();
-  EXPECT_FALSE(SetConfig(document, "server_kova", alias));
-  EXPECT_FALSE(SetConfig(Json::Value(), "server_alias", alias));
-  EXPECT_FALSE(SetConfig(Json::Value("text"), "server_alias", alias));
-  EXPECT_EQ(Operations(), std::vector<std::string>());
-  EXPECT_TRUE(SetConfig(document, "server_alias", alias));
-  EXPECT_EQ(Operations(), (std::vector<std::string>{"AliasConf::Overwrite", "AliasConf::Verify"}));
-
-  device->trace.Clear();
-  device->faults.Add("AliasConf::Overwrite=false");
-  EXPECT_FALSE(SetConfig(document, "server_alias", alias));
-  EXPECT_EQ(Count("AliasConf::Verify"), 0u);
-}
-
 }  // namespace
 }  // namespace desk
