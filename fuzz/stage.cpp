@@ -11,14 +11,8 @@
 namespace desk {
 namespace {
 
-constexpr const char* kFiles[] = {kConf,
-                                  kServices,
-                                  kUpnp,
-                                  kAccount,
-                                  kSettings,
-                                  "usr/vexa/etc/vexarelayd/auth.conf",
-                                  "usr/vexa/etc/vexarelayd/alias_status.json",
-                                  "desk/services.json"};
+constexpr const char* kFiles[] = {kConf,     kServices, kUpnp,        kAccount,
+                                  kSettings, kAuth,     kAliasStatus, "desk/services.json"};
 
 constexpr int kFirstStatus = 100;
 

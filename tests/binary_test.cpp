@@ -1,5 +1,6 @@
 // What a device takes for granted about the module as a binary.
 
+#include <dlfcn.h>
 #include <platform/relay.h>
 
 #include <cstdint>
@@ -22,6 +23,25 @@ size_t Slot(Function function) {
 TEST(Layout, ConfigurationObjectsStartWithTheSlotsOfTheLibrary) {
   EXPECT_EQ(Slot(&VEXA::Relay::Config::Overwrite), 0u);
   EXPECT_EQ(Slot(&VEXA::Relay::Config::Verify), 1u);
+}
+
+TEST(MethodTable, HoldsItsRowsInOrderAndAnEndRow) {
+  void* library = dlopen(MODULE_FILE, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  const auto entry = reinterpret_cast<const APITableEntry* (*)()>(dlsym(library, "GetAPITable"));
+  ASSERT_NE(entry, nullptr);
+  const APITableEntry* row = entry();
+  EXPECT_EQ(entry(), row);
+  for (const Row& expected : ReadTable("methods.txt")) {
+    ASSERT_NE(row->api, nullptr) << "before " << expected[0] << ' ' << expected[2];
+    EXPECT_EQ((Row{row->api, std::to_string(row->version), row->method}), Row(expected.begin(), expected.begin() + 3));
+    const std::string name = std::to_string(expected[3].size()) + expected[3];
+    void* function = dlsym(library, ("_Z" + name + "PN4VEXA10APIRequestEPNS_11APIResponseE").c_str());
+    EXPECT_EQ(function, reinterpret_cast<void*>(row->handler)) << name;
+    ++row;
+  }
+  EXPECT_TRUE(row->api == nullptr && row->version == 0 && row->method == nullptr && row->handler == nullptr);
+  dlclose(library);
 }
 
 bool IsMapped(const std::string& file) {

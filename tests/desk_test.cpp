@@ -77,7 +77,7 @@ TEST_F(DeskTest, NothingInTheFolderBringsItDown) {
                                              R"({"vexarelayd": [], "server_alias": {"name": {}}})"};
   std::vector<std::string> files;
   for (const auto& [file, text] : Snapshot()) files.push_back(file);
-  files.insert(files.end(), {"desk/services.json", "usr/vexa/etc/vexarelayd/alias_status.json"});
+  files.insert(files.end(), {"desk/services.json", kAliasStatus});
   for (const std::string& file : files) {
     for (const std::string& content : contents) {
       Write(file, content);

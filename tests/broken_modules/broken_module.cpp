@@ -8,38 +8,13 @@
 #include <array>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 
 namespace {
 
-enum class Rule {
-  kNone,
-  kDiesLoading,
-  kNoTable,
-  kNoEndRow,
-  kEndRowNotZero,
-  kNoMethodName,
-  kNoHandler,
-  kRepeatedRow,
-  kNewPointer,
-  kNoGuard,
-  kAsksBeforeGuard,
-  kAsksRightOnce,
-  kWrongDenial,
-  kAnswersTwice,
-  kNeverAnswers,
-  kThrowsAfterAnswer,
-  kAsksAfterAnswer,
-  kErrorWithData,
-  kPayloadNoObject,
-  kCrashes,
-  kLoops,
-  kExits,
-  kLeavesFileOpen,
-  kLeavesThread,
-};
+constexpr bool Breaks(std::string_view rule) { return rule == BROKEN_RULE; }
 
-constexpr Rule kBroken = Rule::BROKEN_RULE;
 constexpr int kNotAdministrator = 105;
 constexpr int kInvalidRequest = 2901;
 
@@ -59,52 +34,52 @@ void Stop() {
 /// Most faults show with one kind of parameter only, so that the check has to come up with it.
 void Work(const Json::Value& value) {
   const std::string text = value.isString() ? value.asString() : "";
-  if (kBroken == Rule::kCrashes && text.find('\0') != std::string::npos) std::abort();
-  if (kBroken == Rule::kLoops && text.size() > 10000) Stop();
-  if (kBroken == Rule::kExits && IsDeep(value)) _exit(0);
-  if (kBroken == Rule::kLeavesFileOpen && value.isBool()) open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (kBroken == Rule::kLeavesThread && value.isInt()) std::thread(Stop).detach();
+  if (Breaks("kCrashes") && text.find('\0') != std::string::npos) std::abort();
+  if (Breaks("kLoops") && text.size() > 10000) Stop();
+  if (Breaks("kExits") && IsDeep(value)) _exit(0);
+  if (Breaks("kLeavesFileOpen") && value.isBool()) open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (Breaks("kLeavesThread") && value.isInt()) std::thread(Stop).detach();
   std::thread([] {}).join();
 }
 
 void Get(VEXA::APIRequest*, VEXA::APIResponse* response) {
-  response->SetSuccess(kBroken == Rule::kPayloadNoObject ? Json::nullValue : Json::objectValue);
+  response->SetSuccess(Breaks("kPayloadNoObject") ? Json::nullValue : Json::objectValue);
 }
 
 void Set(VEXA::APIRequest* request, VEXA::APIResponse* response) {
   const VEXA::Relay::AliasConf conf;
-  if (kBroken == Rule::kAsksBeforeGuard) request->HasParam("value");
+  if (Breaks("kAsksBeforeGuard")) request->HasParam("value");
   const bool admin = request->IsAdmin();
-  const bool present = (admin || kBroken == Rule::kNoGuard) && request->HasParam("value");
+  const bool present = (admin || Breaks("kNoGuard")) && request->HasParam("value");
   const Json::Value value = present ? request->GetParam("value", Json::Value()) : Json::Value();
   if (present) Work(value);
 
-  if (kBroken == Rule::kNeverAnswers && value.isObject()) return;
-  if (kBroken == Rule::kAsksRightOnce ? !admin : !request->IsAdmin()) {
-    response->SetError(kBroken == Rule::kWrongDenial ? kInvalidRequest : kNotAdministrator, Json::Value());
+  if (Breaks("kNeverAnswers") && value.isObject()) return;
+  if (Breaks("kAsksRightOnce") ? !admin : !request->IsAdmin()) {
+    response->SetError(Breaks("kWrongDenial") ? kInvalidRequest : kNotAdministrator, Json::Value());
   } else if (present) {
     value.asString();  // throws for a list
     response->SetSuccess(Json::Value());
   } else {
-    response->SetError(kInvalidRequest, kBroken == Rule::kErrorWithData ? "value" : Json::Value());
+    response->SetError(kInvalidRequest, Breaks("kErrorWithData") ? "value" : Json::Value());
   }
-  if (kBroken == Rule::kAnswersTwice && value.isDouble()) response->SetSuccess(Json::Value());
-  if (kBroken == Rule::kAsksAfterAnswer && present) request->HasParam("value");
-  if (kBroken == Rule::kThrowsAfterAnswer && present) throw std::runtime_error("too late");
+  if (Breaks("kAnswersTwice") && value.isDouble()) response->SetSuccess(Json::Value());
+  if (Breaks("kAsksAfterAnswer") && present) request->HasParam("value");
+  if (Breaks("kThrowsAfterAnswer") && present) throw std::runtime_error("too late");
 }
 
 constexpr char kApi[] = "Example";
 constexpr std::array<APITableEntry, 3> kTable = {{
     {kApi, 1, "get", Get},
     {kApi, 1,
-     kBroken == Rule::kNoMethodName  ? nullptr
-     : kBroken == Rule::kRepeatedRow ? "get"
-                                     : "set",
-     kBroken == Rule::kNoHandler ? nullptr : Set},
-    {nullptr, kBroken == Rule::kEndRowNotZero ? 1 : 0, nullptr, nullptr},
+     Breaks("kNoMethodName")  ? nullptr
+     : Breaks("kRepeatedRow") ? "get"
+                              : "set",
+     Breaks("kNoHandler") ? nullptr : Set},
+    {nullptr, Breaks("kEndRowNotZero") ? 1 : 0, nullptr, nullptr},
 }};
 
-[[maybe_unused]] const bool loaded = kBroken == Rule::kDiesLoading ? (std::abort(), true) : true;
+[[maybe_unused]] const bool loaded = Breaks("kDiesLoading") ? (std::abort(), true) : true;
 
 }  // namespace
 
@@ -112,9 +87,9 @@ extern "C" const APITableEntry* GetAPITable() {
   static std::array<APITableEntry, 2000> endless;
   static std::array<std::array<APITableEntry, 3>, 2> copies = {kTable, kTable};
   static unsigned calls = 0;
-  if (kBroken == Rule::kNoTable) return nullptr;
-  if (kBroken == Rule::kNewPointer) return copies[++calls % 2].data();
-  if (kBroken != Rule::kNoEndRow) return kTable.data();
+  if (Breaks("kNoTable")) return nullptr;
+  if (Breaks("kNewPointer")) return copies[++calls % 2].data();
+  if (!Breaks("kNoEndRow")) return kTable.data();
   for (size_t row = 0; row < endless.size(); ++row) endless[row] = {kApi, static_cast<int>(row), "get", Get};
   return endless.data();
 }
