@@ -46,6 +46,26 @@ TEST_F(AliasTest, ThePasswordIsSentAsItsDigestAndNeverStored) {
   EXPECT_EQ(Logs().at(0).rfind("tunnelbridge.v2:68 Alias set error: {\n", 0), 0u) << Logs().at(0);
 }
 
+class ExchangeTest : public AliasTest, public testing::WithParamInterface<Row> {};
+
+TEST_P(ExchangeTest, CanFail) {
+  const std::string auth = Read(kAuth);
+  Script(GetParam()[1]);
+  const Answer answer = CallMethod("1/set_server_alias", kAliasV1);
+  EXPECT_EQ(answer.code, std::stoi(GetParam()[2]));
+  EXPECT_EQ(Logs(), Parts(GetParam()[3]));
+  if (!answer.success) {
+    EXPECT_EQ(ReadJson(kConf)["server_alias"]["name"], "");
+    EXPECT_EQ(ReadJson(kConf)["server_kova"]["account"], "");
+    EXPECT_FALSE(Exists(kAliasStatus));
+  }
+  const bool expired = GetParam()[1].find("111") != std::string::npos;
+  EXPECT_EQ(Count("AuthConf::GenerateApiKey"), expired ? 1u : 0u);
+  EXPECT_EQ(Read(kAuth) != auth, expired);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ExchangeTest, testing::ValuesIn(ReadTable("exchanges.txt")), NameOfRow);
+
 TEST_F(AliasTest, FormsOfAliasAndAccount) {
   device->faults.Add(R"(AliasRequest::Send={"alias_result":1})");
   for (const auto& row : ReadTable("forms.txt")) {
@@ -55,30 +75,6 @@ TEST_F(AliasTest, FormsOfAliasAndAccount) {
     EXPECT_EQ(TryMethod("1/set_server_alias", params).answers.at(0).code, code) << row[2];
     if (row[0] != "server_alias") continue;
     EXPECT_EQ(TryMethod("2/set_server_alias", params).answers.at(0).code, code) << row[2];
-  }
-}
-
-TEST_F(AliasTest, EveryExchangeCanFail) {
-  const std::string conf = Read(kConf);
-  const std::string auth = Read(kAuth);
-  for (const auto& row : ReadTable("exchanges.txt")) {
-    SCOPED_TRACE(row[0]);
-    Write(kConf, conf);
-    Write(kAuth, auth);
-    std::filesystem::remove(Path(kAliasStatus));
-    std::filesystem::remove(Path("desk/control-server/state.json"));
-    Script(row[1]);
-    const Answer answer = CallMethod("1/set_server_alias", kAliasV1);
-    EXPECT_EQ(answer.code, std::stoi(row[2]));
-    EXPECT_EQ(Logs(), Parts(row[3]));
-    if (!answer.success) {
-      EXPECT_EQ(ReadJson(kConf)["server_alias"]["name"], "");
-      EXPECT_EQ(ReadJson(kConf)["server_kova"]["account"], "");
-      EXPECT_FALSE(Exists(kAliasStatus));
-    }
-    const bool expired = row[1].find("111") != std::string::npos;
-    EXPECT_EQ(Count("AuthConf::GenerateApiKey"), expired ? 1u : 0u);
-    EXPECT_EQ(Read(kAuth) != auth, expired);
   }
 }
 

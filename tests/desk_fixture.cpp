@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include <array>
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -56,7 +57,7 @@ std::vector<Row> ReadTable(const std::string& name) {
 
 std::string NameOfRow(const testing::TestParamInfo<Row>& row) {
   std::string name = row.param[0] + "_" + std::to_string(row.index);
-  for (char& letter : name) letter = letter == '/' ? '_' : letter;
+  for (char& letter : name) letter = std::isalnum(static_cast<unsigned char>(letter)) != 0 ? letter : '_';
   return name;
 }
 
@@ -157,10 +158,7 @@ void DeskTest::StartControlServer() {
   device->control_port = control_server->Start();
 }
 
-void DeskTest::Script(const std::string& steps) {
-  StartControlServer();
-  Write("desk/control-server/script.json", steps);
-}
+void DeskTest::Script(const std::string& steps) const { Write("desk/control-server/script.json", steps); }
 
 Json::Value DeskTest::ServerState() const { return ReadJson("desk/control-server/state.json"); }
 

@@ -59,7 +59,7 @@ class DeskTest : public testing::Test {
 
   void StartControlServer();
   /// What the control server does with its next requests.
-  void Script(const std::string& steps);
+  void Script(const std::string& steps) const;
   Json::Value ServerState() const;
 
   void Write(const std::string& file, const std::string& text) const;

@@ -13,28 +13,22 @@ using VEXA::Relay::RELAYD_RET;
 
 using UtilsTest = DeskTest;
 
-TEST(ErrorCodes, EveryResultHasItsCode) {
-  // Index: the result; 16 and 15 are the first that the library does not have.
-  const int relay[] = {2907, 2900, 2900, 2900, 2900, 2905, 2902, 2902, 2905,
-                       2900, 2903, 2900, 2903, 2903, 2903, 2900, 2900};
-  const int alias[] = {2900, 2907, 2900, 2904, 2903, 2901, 2902, 2902, 2905, 2903, 2903, 2900, 2906, 2900, 2900, 2900};
-  for (size_t result = 0; result < std::size(relay); ++result) {
-    EXPECT_EQ(MapRelayErrorCode(static_cast<RELAYD_RET>(result)), relay[result]) << result;
+TEST(ErrorCodes, RowsStandInTheirOrderAndAreWhatIsLookedUp) {
+  const ErrorCodeRow relay[] = {{0, 2907},  {8, 2905},  {5, 2905},  {6, 2902}, {7, 2902},  {10, 2903},
+                                {12, 2903}, {13, 2903}, {14, 2903}, {9, 2900}, {15, 2900}, {11, 2900},
+                                {1, 2900},  {2, 2900},  {3, 2900},  {4, 2900}, {255, 2900}};
+  const ErrorCodeRow alias[] = {{1, 2907}, {5, 2901}, {6, 2902},  {7, 2902}, {3, 2904},  {12, 2906}, {8, 2905},
+                                {4, 2903}, {9, 2903}, {10, 2903}, {2, 2900}, {11, 2900}, {14, 2900}, {255, 2900}};
+  for (size_t row = 0; row < std::size(relay); ++row) {
+    EXPECT_EQ(grgRelayErrorCodeMap[row].result, relay[row].result) << row;
+    EXPECT_EQ(MapRelayErrorCode(static_cast<RELAYD_RET>(relay[row].result)), relay[row].code) << row;
   }
-  for (size_t result = 0; result < std::size(alias); ++result) {
-    EXPECT_EQ(MapAliasErrorCode(static_cast<ALIAS_RET>(result)), alias[result]) << result;
+  for (size_t row = 0; row < std::size(alias); ++row) {
+    EXPECT_EQ(grgAliasErrorCodeMap[row].result, alias[row].result) << row;
+    EXPECT_EQ(MapAliasErrorCode(static_cast<ALIAS_RET>(alias[row].result)), alias[row].code) << row;
   }
-  for (const int result : {-1, 255, 256}) {
-    EXPECT_EQ(MapRelayErrorCode(static_cast<RELAYD_RET>(result)), 2900);
-    EXPECT_EQ(MapAliasErrorCode(static_cast<ALIAS_RET>(result)), 2900);
-  }
-}
-
-TEST(ErrorCodes, RowsStandInTheirOrder) {
-  const int relay[] = {0, 8, 5, 6, 7, 10, 12, 13, 14, 9, 15, 11, 1, 2, 3, 4, 255};
-  const int alias[] = {1, 5, 6, 7, 3, 12, 8, 4, 9, 10, 2, 11, 14, 255};
-  for (size_t row = 0; row < std::size(relay); ++row) EXPECT_EQ(grgRelayErrorCodeMap[row].result, relay[row]);
-  for (size_t row = 0; row < std::size(alias); ++row) EXPECT_EQ(grgAliasErrorCodeMap[row].result, alias[row]);
+  for (const int unlisted : {-1, 16, 256}) EXPECT_EQ(MapRelayErrorCode(static_cast<RELAYD_RET>(unlisted)), 2900);
+  for (const int unlisted : {-1, 0, 13, 15, 256}) EXPECT_EQ(MapAliasErrorCode(static_cast<ALIAS_RET>(unlisted)), 2900);
 }
 
 TEST(Md5, DigestIsLowercaseHexAndTheRestZero) {
