@@ -32,6 +32,7 @@ TEST_F(AliasTest, ThePasswordIsSentAsItsDigestAndNeverStored) {
   const std::string log = Logs().at(0);
   EXPECT_EQ(log.rfind("tunnelbridge.v1:67 Alias set error: {\n", 0), 0u) << log;
   EXPECT_NE(log.find("\"kova_password\" : \"(hidden)\""), std::string::npos) << log;
+  EXPECT_EQ(log.substr(log.size() - 3), "\n}\n");
 
   device->faults.Clear();
   EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success) << "the control server compared the digest";

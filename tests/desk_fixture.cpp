@@ -140,13 +140,6 @@ std::vector<std::string> DeskTest::Operations() const {
   return operations;
 }
 
-Json::Value DeskTest::Find(const std::string& operation) const {
-  for (const Json::Value& line : device->trace.Lines()) {
-    if (line["op"] == operation) return line;
-  }
-  return Json::Value();
-}
-
 unsigned DeskTest::Count(const std::string& operation) const {
   unsigned count = 0;
   for (const Json::Value& line : device->trace.Lines()) count += line["op"] == operation ? 1 : 0;

@@ -50,8 +50,7 @@ class DeskTest : public testing::Test {
   std::vector<std::string> Logs() const;
   /// Names of the operations of the last call, in order, without those of the framework and the log.
   std::vector<std::string> Operations() const;
-  /// The trace line of the last call's first operation of that name; null when there was none.
-  Json::Value Find(const std::string& operation) const;
+  /// How often the last call asked for an operation.
   unsigned Count(const std::string& operation) const;
 
   /// Meets what a table's cell says: contents of files and faults.

@@ -41,6 +41,13 @@ TEST_F(FilesTest, AFileThatDoesNotParseIsMovedAside) {
   EXPECT_EQ(Logs(), Names{kNotLoaded}) << "a missing file is not a broken one";
 }
 
+TEST_F(FilesTest, AFileNestedTooDeeplyStaysWhereItIs) {
+  Write(kConf, std::string(1500, '['));
+  EXPECT_TRUE(TryMethod("1/status", Json::objectValue).thrown);
+  EXPECT_TRUE(Exists(kConf));
+  EXPECT_FALSE(Exists(kBadConf));
+}
+
 TEST_F(FilesTest, AFileThatCannotBeMovedAsideIsDeleted) {
   Write(kConf, "{");
   device->faults.Add("rename=EXDEV");
