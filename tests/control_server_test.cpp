@@ -1,5 +1,6 @@
 // Registration of server and alias, over real HTTP to the control server on the loopback address.
 
+#include "devkit/relay/transfer.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {
@@ -116,6 +117,20 @@ TEST_F(AliasTest, AnAliasBelongsToOneAccountOnOneDevice) {
   EXPECT_EQ(ServerState()["aliases"]["mybox"]["device"], "desk-other");
 }
 
+TEST_F(AliasTest, TheControlServerKeepsItsRules) {
+  for (const Row& row : ReadTable("rules.txt")) {
+    SCOPED_TRACE(row[0] + " " + row[1] + " " + row[3]);
+    const Json::Value before = ServerState();
+    Json::Value request = ParseJson(row[3]);
+    request["command"] = row[0];
+    request["auth"]["device"] = row[1];
+    request["auth"]["api_key"] = row[2];
+    const std::string answer = Post("http://control.vexa.example/relay", ToLine(request)).answer;
+    EXPECT_EQ(answer, ToLine(ParseJson(row[4])));
+    EXPECT_TRUE(answer.find("error") == std::string::npos || ServerState() == before) << "refused, yet not forgotten";
+  }
+}
+
 TEST_F(AliasTest, TheControlServerRefusesWhatItCannotTrust) {
   EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success);
   const std::string auth = Read(kAuth);
@@ -134,6 +149,10 @@ TEST_F(AliasTest, TheControlServerRefusesWhatItCannotTrust) {
   StoreJson(Path("desk/control-server/state.json"), state);
   EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success) << "registered again with a new key";
   EXPECT_EQ(Count("AuthConf::GenerateApiKey"), 1u);
+
+  Script(R"([{"command": "set_alias", "error": 111}])");
+  EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2900);
+  EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success) << "a scripted 111 lets the key expire";
 }
 
 }  // namespace

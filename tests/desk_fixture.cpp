@@ -74,8 +74,8 @@ std::string Params(const std::string& cell) {
 
 void DeskTest::Arrange(const std::string& given) {
   const std::map<std::string, std::string> files = {
-      {"conf", kConf}, {"account", kAccount},     {"upnp", kUpnp},        {"services", kServices},
-      {"auth", kAuth}, {"aliases", kAliasStatus}, {"settings", kSettings}};
+      {"conf", kConf}, {"account", kAccount},     {"upnp", kUpnp},         {"services", kServices},
+      {"auth", kAuth}, {"aliases", kAliasStatus}, {"settings", kSettings}, {"states", "desk/services.json"}};
   for (const std::string& part : Parts(given)) {
     const size_t equals = part.find('=');
     const auto file = files.find(part.substr(0, equals));
