@@ -11,7 +11,7 @@ namespace {
 class BrokenModule : public testing::TestWithParam<Row> {};
 
 TEST_P(BrokenModule, IsFoundOutForItsRuleOnly) {
-  const Finished check = RunHost("check --json --seed 1 --limit 3 " BROKEN_MODULES "/" + GetParam()[0] + ".so");
+  const Finished check = RunHost("check --json --seed 1 --limit 3 '" BROKEN_MODULES "/" + GetParam()[0] + ".so'");
   EXPECT_EQ(check.code, std::stoi(GetParam()[1]));
   std::vector<std::string> findings;
   std::istringstream lines(check.out);
@@ -27,7 +27,7 @@ INSTANTIATE_TEST_SUITE_P(Rules, BrokenModule, testing::ValuesIn(ReadTable("findi
 class OurModule : public testing::TestWithParam<const char*> {};
 
 TEST_P(OurModule, PassesEveryCheck) {
-  const Finished check = RunHost("check " MODULE_FILE " --seed " + std::string(GetParam()));
+  const Finished check = RunHost("check '" MODULE_FILE "' --seed " + std::string(GetParam()));
   EXPECT_EQ(check.code, 0) << check.out;
   EXPECT_EQ(std::count(check.out.begin(), check.out.end(), '\n'), 1 + 6 + 11 * 7) << check.out;
 }
@@ -35,7 +35,7 @@ TEST_P(OurModule, PassesEveryCheck) {
 INSTANTIATE_TEST_SUITE_P(Seeds, OurModule, testing::Values("1", "2", "4294967295"));
 
 TEST(Check, ASeedRepeatsARun) {
-  const std::string words = "check " BROKEN_MODULES "/kCrashes.so --json --seed ";
+  const std::string words = "check '" BROKEN_MODULES "/kCrashes.so' --json --seed ";
   const Finished check = RunHost(words + "7");
   EXPECT_EQ(check.out.substr(0, check.out.find('\n')), R"({"seed":7})");
   EXPECT_EQ(RunHost(words + "7").out, check.out);
@@ -44,7 +44,7 @@ TEST(Check, ASeedRepeatsARun) {
 
 TEST(Check, AMistakeOfTheCallerHasItsExitCode) {
   EXPECT_EQ(RunHost("check 2>/dev/null").code, 2);
-  EXPECT_EQ(RunHost("check " MODULE_FILE " --limit 0 2>/dev/null").code, 2);
+  EXPECT_EQ(RunHost("check '" MODULE_FILE "' --limit 0 2>/dev/null").code, 2);
   EXPECT_EQ(RunHost("check /nowhere.so 2>/dev/null").code, 3);
 }
 

@@ -88,7 +88,7 @@ void DeskTest::Arrange(const std::string& given) {
 }
 
 Finished RunHost(const std::string& words) {
-  FILE* pipe = popen((std::string(HOST_PROGRAM) + " " + words).c_str(), "r");
+  FILE* pipe = popen(("'" HOST_PROGRAM "' " + words).c_str(), "r");
   Finished finished{-1, ""};
   if (pipe == nullptr) return finished;
   std::array<char, 4096> part;

@@ -2,6 +2,10 @@
 
 #include "devkit/host/rpc_server.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include "tests/desk_fixture.h"
 
 namespace desk {
@@ -10,7 +14,7 @@ namespace {
 class HostTest : public DeskTest {
  protected:
   /// A folder that does not exist yet, and goes with the test's own device.
-  std::string NewRoot() const { return Path("desk/another").string(); }
+  std::string NewRoot() const { return "'" + Path("desk/another").string() + "'"; }
   Finished CallCommand(const std::string& words) const { return RunHost("call --root " + NewRoot() + " " + words); }
 };
 
@@ -46,10 +50,11 @@ TEST_F(HostTest, EveryMistakeHasItsExitCodeAndAMessage) {
       {"--as root VEXA.Core.TunnelBridge 1 status", 2, "--as"},
       {"--module /nowhere.so VEXA.Core.TunnelBridge 1 status", 3, "/nowhere.so"},
       {"VEXA.Core.TunnelBridge 1 set '{\"enabled\": []}'", 3, "exception"},
+      {"VEXA.Core.TunnelBridge 1 status >/dev/full", 2, "standard output"},
       {"--fault Nothing=1 VEXA.Core.TunnelBridge 1 status", 0, "'Nothing=1' met no call"},
   };
   for (const auto& row : cases) {
-    const Finished finished = CallCommand(std::string(row.words) + " 2>&1");
+    const Finished finished = CallCommand("2>&1 " + std::string(row.words));
     EXPECT_EQ(finished.code, row.code) << row.words;
     EXPECT_NE(finished.out.find(row.message), std::string::npos) << row.words << '\n' << finished.out;
   }
@@ -67,11 +72,12 @@ TEST_F(HostTest, APortInUseIsAMistakeOfTheCaller) {
   const Finished second = RunHost("serve --root " + NewRoot() + " --port " + port + " 2>&1");
   EXPECT_EQ(second.code, 2);
   EXPECT_NE(second.out.find("127.0.0.1:" + port), std::string::npos) << second.out;
+  EXPECT_FALSE(Exists("desk/another/desk/control-server/port")) << "another program's may stand there";
 }
 
 class RpcTest : public DeskTest {
  protected:
-  RpcTest() : server_(TheModule(), "secret"), client_("127.0.0.1", server_.Start(0)) {}
+  RpcTest() : server_(TheModule(), "secret"), port_(server_.Start(0)), client_("127.0.0.1", port_) {}
 
   httplib::Result Send(const std::string& body, const httplib::Headers& headers = {},
                        const char* type = "application/json") {
@@ -84,6 +90,7 @@ class RpcTest : public DeskTest {
   }
 
   RpcServer server_;
+  int port_;
   httplib::Client client_;
 };
 
@@ -103,6 +110,7 @@ TEST_F(RpcTest, ARequestThatIsNoneIsAnErrorOfTheFrame) {
       {"{", -32700},
       {"", -32700},
       {std::string(2000, '['), -32700},
+      {std::string("{}\0", 3), -32700},
       {"[]", -32600},
       {"7", -32600},
       {R"({"id": 1, "method": "VEXA.Core.TunnelBridge/1/get"})", -32600},
@@ -130,8 +138,47 @@ TEST_F(RpcTest, HttpRefusesWhatIsNoCall) {
   EXPECT_EQ(Send(status, {{"Host", "localhost:1"}})->status, 200);
   EXPECT_EQ(Send(status, {}, "text/plain")->status, 415);
   EXPECT_EQ(Send(std::string((1 << 20) + 1, ' '))->status, 413);
+  EXPECT_EQ(Send(status, {{"Transfer-Encoding", "chunked"}})->status, 400);
+  EXPECT_EQ(Send(status, {{"Content-Encoding", "gzip"}})->status, 400);
   EXPECT_EQ(client_.Get("/rpc")->status, 404);
   EXPECT_EQ(Send(R"({"jsonrpc": "2.0", "method": "VEXA.Core.TunnelBridge/1/status"})")->status, 204);
+}
+
+/// Sends `text` to a port of this machine and returns all that comes back until the connection ends.
+std::string Exchange(int port, const std::string& text) {
+  const int peer = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  if (connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    send(peer, text.data(), text.size(), MSG_NOSIGNAL);
+    for (char part[4096]; const ssize_t size = recv(peer, part, sizeof(part), 0);) {
+      if (size < 0) break;
+      answer.append(part, static_cast<size_t>(size));
+    }
+  }
+  close(peer);
+  return answer;
+}
+
+TEST_F(RpcTest, TheBodyOfARefusedRequestIsNoRequest) {
+  const std::string call = R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/status"})";
+  const std::string hidden =
+      "POST /rpc HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\nContent-Type: "
+      "application/json\r\nContent-Length: " +
+      std::to_string(call.size()) + "\r\n\r\n" + call;
+  EXPECT_NE(Exchange(port_, hidden).find("\"result\""), std::string::npos) << "by itself it is one";
+  for (const char* head : {"GET /rpc HTTP/1.1\r\n", "POST /rpc HTTP/1.1\r\nTransfer-Encoding: chunked\r\n",
+                           "POST /rpc HTTP/1.1\r\nContent-Type: multipart/form-data\r\n"}) {
+    // The library reads 4 KiB at a time, and loses what it read beyond a head.
+    std::string outer = head + ("Host: desk.example\r\nContent-Length: " + std::to_string(hidden.size()) + "\r\nX: ");
+    outer.resize(4096 - 4, 'x');
+    const std::string answer = Exchange(port_, outer + "\r\n\r\n" + hidden);
+    EXPECT_EQ(answer.rfind("HTTP/1.1 40", 0), 0u) << answer;
+    EXPECT_EQ(answer.find("\"result\""), std::string::npos) << answer;
+  }
 }
 
 }  // namespace

@@ -31,6 +31,16 @@ TEST_F(MethodTest, PermissionsAreStoredAsSentAndGivenBack) {
   }
 }
 
+/// jsoncpp does not store what was left out of an array that was filled by index; no text of JSON makes one.
+TEST_F(MethodTest, APermissionListWithGapsIsRefused) {
+  Json::Value params;
+  params["services"][1] = ParseJson(R"({"id": "a", "enabled": true})");
+  const std::string before = Read(kServices);
+  EXPECT_EQ(TryMethod("Permission/1/set", params).answers.at(0).code, 2901);
+  EXPECT_EQ(Logs(), std::vector<std::string>{"tunnelbridge.permission.v1:47 Invalid entry"});
+  EXPECT_EQ(Read(kServices), before);
+}
+
 TEST_F(MethodTest, UpnpSettingsAreStoredAndGivenBack) {
   EXPECT_TRUE(CallMethod("Upnp/1/set", R"({"enabled": false, "lease_seconds": 60, "unknown": 1})").success);
   EXPECT_EQ(CallMethod("Upnp/1/get").data, ParseJson(R"({"enabled": false, "lease_seconds": 60})"));
