@@ -1,11 +1,13 @@
 #include "devkit/control_server/loopback_server.h"
 
+#include <chrono>
 #include <stdexcept>
 
 namespace desk {
 namespace {
 
 constexpr char kLoopback[] = "127.0.0.1";
+constexpr auto kStartLimit = std::chrono::seconds(10);
 
 /// Without SO_REUSEPORT, which the library would set: two servers would silently share a port.
 void SetReuseAddress(socket_t socket) {
@@ -21,14 +23,6 @@ httplib::Server::HandlerResponse CheckHead(const httplib::Request& request, http
     return httplib::Server::HandlerResponse::Handled;
   }
   return httplib::Server::HandlerResponse::Unhandled;
-}
-
-/// The library's own refusals have no text.
-void Explain(const httplib::Request&, httplib::Response& response) {
-  if (response.has_header("Content-Type")) return;
-  if (response.status == 413) return Refuse(response, 413, "the request body is larger than 1 MiB");
-  if (response.status == 404) return Refuse(response, 404, "nothing is served under this path");
-  Refuse(response, response.status, "the request cannot be served");
 }
 
 }  // namespace
@@ -50,7 +44,6 @@ LoopbackServer::LoopbackServer() {
   http.set_tcp_nodelay(true);
   http.set_payload_max_length(kMostRequestBytes);
   http.set_pre_routing_handler(CheckHead);
-  http.set_error_handler(Explain);
 }
 
 LoopbackServer::~LoopbackServer() {
@@ -66,7 +59,11 @@ int LoopbackServer::Start(int port) {
   }
   thread_ = std::thread([this] { http.listen_after_bind(); });
   // A stop before the thread serves would be lost, and the thread would serve for ever.
-  while (!http.is_running()) std::this_thread::yield();
+  const auto end = std::chrono::steady_clock::now() + kStartLimit;
+  while (!http.is_running()) {
+    if (std::chrono::steady_clock::now() > end) throw std::runtime_error("the server does not start to serve");
+    std::this_thread::yield();
+  }
   return bound;
 }
 

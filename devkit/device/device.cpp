@@ -83,13 +83,13 @@ void Device::Sleep(std::chrono::microseconds pause) {
 }
 
 bool ParseJson(const std::string& text, Json::Value& value, std::string& problem) {
-  Json::CharReaderBuilder builder;
-  builder["failIfExtra"] = true;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   if (text.find('\0') != std::string::npos) {
     problem = "it holds a NUL byte";
     return false;
   }
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
     return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
   } catch (const std::exception& error) {

@@ -39,16 +39,13 @@ void Trace::Record(Json::Value line) {
 }
 
 /// A secret can also stand in a text as the JSON writers spell it.
-void Trace::HideSpellings(const std::string& text) {
-  Hide(text);
-  const std::string quoted = ToLine(text);
-  Hide(quoted.substr(1, quoted.size() - 2));
-}
-
 void Trace::Hide(const std::string& text) {
   if (text.size() < kLeastSecretBytes || std::find(secrets_.begin(), secrets_.end(), text) != secrets_.end()) return;
+  const std::string quoted = ToLine(text);
+  const std::string spelled = quoted.substr(1, quoted.size() - 2);
   secrets_.push_back(text);
-  if (secrets_.size() > kMostSecrets) secrets_.pop_front();
+  if (spelled != text) secrets_.push_back(spelled);
+  while (secrets_.size() > kMostSecrets) secrets_.pop_front();
 }
 
 void Trace::HideMembers(const Json::Value& value) {
@@ -56,7 +53,7 @@ void Trace::HideMembers(const Json::Value& value) {
   for (auto item = value.begin(); item != value.end(); ++item) {
     if (value.isObject() && IsSecret(item.name()) && item->isString()) {
       const std::lock_guard lock(mutex_);
-      HideSpellings(item->asString());
+      Hide(item->asString());
     }
     HideMembers(*item);
   }

@@ -33,7 +33,6 @@ class Trace {
   void SetSink(Sink sink);
 
  private:
-  void HideSpellings(const std::string& text);
   void Hide(const std::string& text);
   Json::Value Clean(const Json::Value& value) const;
   std::string Clean(const std::string& text) const;

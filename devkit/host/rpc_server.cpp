@@ -82,6 +82,14 @@ bool IsJson(const std::string& content_type) {
   return content_type.substr(0, content_type.find(';')) == "application/json";
 }
 
+/// The library's own refusals have no text.
+void Explain(const httplib::Request&, httplib::Response& response) {
+  if (response.has_header("Content-Type")) return;
+  if (response.status == 413) return Refuse(response, 413, "the request body is larger than 1 MiB");
+  if (response.status == 404) return Refuse(response, 404, "nothing is served under this path");
+  Refuse(response, response.status, "the request cannot be served");
+}
+
 }  // namespace
 
 std::string CodeText(int code) {
@@ -109,6 +117,7 @@ std::string CodeText(int code) {
 
 RpcServer::RpcServer(const Module& module, std::string admin_token)
     : module_(module), admin_token_(std::move(admin_token)) {
+  server_.http.set_error_handler(Explain);
   server_.http.Post("/rpc", [this](const auto& request, auto& response) { Serve(request, response); });
 }
 
