@@ -44,7 +44,7 @@ int CheckEntries(const Json::Value& services) {
   Json::ArrayIndex index = 0;
   for (auto entry = services.begin(), last = services.end(); entry != last; ++entry, ++index) {
     // jsoncpp does not store what is missing from an array that was not filled in order: it reads as null.
-    const int code = CheckEntry(entry.index() == index ? *entry : Json::Value::nullSingleton());
+    const int code = entry.index() == index ? CheckEntry(*entry) : CheckEntry(Json::Value());
     if (code != kSuccess) return code;
   }
   return kSuccess;
