@@ -67,15 +67,24 @@ std::vector<std::string> Parts(const std::string& cell) {
 
 std::string Params(const std::string& cell) {
   const std::map<std::string, std::string> names = {
-      {"on", R"({"enabled": true})"}, {"off", R"({"enabled": false})"}, {"alias", kAliasV1}};
+      {"on", R"({"enabled": true})"},
+      {"off", R"({"enabled": false})"},
+      {"alias", kAliasV1},
+      {"long", R"({"services": [{"enabled": true, "id": ")" + std::string(9000, 'a') + "\"}]}"}};
   const auto known = names.find(cell);
   return known == names.end() ? cell : known->second;
 }
 
 void DeskTest::Arrange(const std::string& given) {
-  const std::map<std::string, std::string> files = {
-      {"conf", kConf}, {"account", kAccount},     {"upnp", kUpnp},         {"services", kServices},
-      {"auth", kAuth}, {"aliases", kAliasStatus}, {"settings", kSettings}, {"states", "desk/services.json"}};
+  const std::map<std::string, std::string> files = {{"conf", kConf},
+                                                    {"account", kAccount},
+                                                    {"upnp", kUpnp},
+                                                    {"services", kServices},
+                                                    {"auth", kAuth},
+                                                    {"aliases", kAliasStatus},
+                                                    {"settings", kSettings},
+                                                    {"states", "desk/services.json"},
+                                                    {"server", "desk/control-server/state.json"}};
   for (const std::string& part : Parts(given)) {
     const size_t equals = part.find('=');
     const auto file = files.find(part.substr(0, equals));

@@ -96,7 +96,7 @@ std::string NameOfRow(const testing::TestParamInfo<Row>& row);
 /// The parts of a table's cell, apart by " ; ".
 std::vector<std::string> Parts(const std::string& cell);
 
-/// The parameters that a table's cell stands for: on, off, alias, or JSON.
+/// The parameters that a table's cell stands for: on, off, alias, long (a list beyond a stream's buffer), or JSON.
 std::string Params(const std::string& cell);
 
 struct Finished {

@@ -61,6 +61,8 @@ int WriteSetting(const std::string& key, const std::string& value) {
     written = written || replace;
   }
   if (!written) text << key << "=\"" << value << "\"\n";
+  // Streams keep quiet about memory that they could not get.
+  if (lines.bad() || !text) return -1;
   return desk::StoreText(device.Locate(kSettingsPath), text.str()) ? 0 : -1;
 }
 
@@ -94,11 +96,15 @@ int SwitchService(const std::string& name, bool on) {
   return desk::StoreJson(device.Root() / "desk/services.json", states) ? 0 : -1;
 }
 
-/// Starts a program in a process group of its own, with the host's standard error for its output.
+/// Starts a program in a process group of its own, with no signal blocked and with the host's standard error for its
+/// output.
 bool Spawn(const std::string& program, char* const* argv, pid_t& child) {
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
@@ -120,11 +126,12 @@ int RunProgram(const std::string& program, std::vector<std::string> words) {
 
   const auto end = std::chrono::steady_clock::now() + kProgramLimit;
   int status = 0;
-  while (waitpid(child, &status, WNOHANG) == 0) {
+  pid_t ended = 0;
+  while ((ended = waitpid(child, &status, WNOHANG)) == 0) {
     if (std::chrono::steady_clock::now() > end) kill(-child, SIGKILL);
     std::this_thread::sleep_for(kProgramPoll);
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return ended == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace
