@@ -53,10 +53,13 @@ bool MayLeadTo(const std::string& method, const std::string& operation, const st
   return outcome == (makes ? "throws" : "2900");
 }
 
-/// Whether every member of `now` is as it was before the call or as a good call leaves it.
+/// Whether every member of `now` is as it was before the call or as a good call leaves it, and none is lost.
 bool IsBetween(const Json::Value& now, const Json::Value& before, const Json::Value& after) {
   if (now == before || now == after) return true;
   if (!now.isObject() || !before.isObject() || !after.isObject()) return false;
+  for (const std::string& name : before.getMemberNames()) {
+    if (after.isMember(name) && !now.isMember(name)) return false;
+  }
   const std::vector<std::string> names = now.getMemberNames();
   return std::all_of(names.begin(), names.end(),
                      [&](const std::string& name) { return IsBetween(now[name], before[name], after[name]); });
