@@ -5,7 +5,8 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -92,6 +93,8 @@ bool ParseJson(const std::string& text, Json::Value& value, std::string& problem
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
     return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& error) {
     problem = error.what();
     return false;
@@ -101,11 +104,12 @@ bool ParseJson(const std::string& text, Json::Value& value, std::string& problem
 Json::Value LoadJson(const fs::path& file) {
   std::error_code error;
   if (!fs::is_regular_file(file, error)) return Json::Value();
-  std::ostringstream text;
-  text << std::ifstream(file).rdbuf();
+  // Not copied from stream to stream, which keeps quiet about an exception.
+  std::ifstream stream(file);
+  const std::string text{std::istreambuf_iterator<char>(stream), {}};
   Json::Value document;
   std::string problem;
-  return ParseJson(text.str(), document, problem) ? document : Json::Value();
+  return ParseJson(text, document, problem) ? document : Json::Value();
 }
 
 bool StoreText(const fs::path& file, const std::string& text) {

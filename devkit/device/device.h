@@ -63,7 +63,8 @@ class Device {
 /// nested too deeply.
 bool ParseJson(const std::string& text, Json::Value& value, std::string& problem);
 
-/// Reads a JSON document of the stand-in's own; null when there is none or it is broken.
+/// Reads a JSON document of the stand-in's own; null when there is none or it is broken. Throws `std::bad_alloc`
+/// for one that could not be read for want of memory: taken for an empty one, it would be overwritten.
 Json::Value LoadJson(const std::filesystem::path& file);
 
 /// Stores a document through a temporary file and a rename. False when that fails, or when the present file
