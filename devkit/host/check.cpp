@@ -66,10 +66,6 @@ void Copy(char (&field)[Size], const std::string& text) {
   field[text.copy(field, Size - 1)] = '\0';
 }
 
-std::string MethodName(const APITableEntry& row) {
-  return std::string(row.api) + '/' + std::to_string(row.version) + '/' + row.method;
-}
-
 /// Makes parameters, ordinary and hostile ones: every call's are a variation of those that led furthest so far.
 class ParamSource {
  public:

@@ -13,7 +13,9 @@
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
 #include "devkit/host/check.h"
+#include "devkit/host/explain.h"
 #include "devkit/host/rpc_server.h"
+#include "devkit/webapi/description.h"
 #include "devkit/webapi/module.h"
 
 namespace {
@@ -43,6 +45,7 @@ struct Options {
   std::string method;
   std::string params = "{}";
   desk::CheckOptions check;
+  desk::ExplainOptions explain;
 };
 
 /// A mistake of the person who started the program.
@@ -211,6 +214,14 @@ int ServeControl(const Options& options) {
   return WaitForEnd();
 }
 
+int Describe(const Options& options) {
+  const auto module = LoadModule(options);
+  std::cout << desk::Describe(*module).toStyledString();
+  return kDone;
+}
+
+int Explain(const Options& options) { return desk::ExplainTo(std::cout, options.explain) ? kDone : kErrorAnswer; }
+
 int Check(const Options& options) { return desk::CheckModule(options.check) ? kDone : kErrorAnswer; }
 
 void AddDeviceOptions(CLI::App& command, Options& options) {
@@ -263,6 +274,14 @@ int Run(int argc, char** argv) {
       ->check(CLI::Range(1, 3600))
       ->capture_default_str();
 
+  CLI::App* describe = app.add_subcommand("describe", "Show the OpenRPC document of the module's methods");
+  AddModuleOption(*describe, options);
+
+  CLI::App* explain = app.add_subcommand("explain", "Tell cause and remedy of an error code or a log line");
+  explain->add_option("subject", options.explain.subject,
+                      "A code, a log line's UNIT:NUMBER or a unit; else a log is read from standard input");
+  explain->add_flag("--json", options.explain.json, "Print one JSON object a line");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
@@ -272,6 +291,8 @@ int Run(int argc, char** argv) {
   if (call->parsed()) return Call(options);
   if (serve->parsed()) return Serve(options);
   if (check->parsed()) return Check(options);
+  if (describe->parsed()) return Describe(options);
+  if (explain->parsed()) return Explain(options);
   return ServeControl(options);
 }
 

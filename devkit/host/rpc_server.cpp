@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "devkit/device/device.h"
+#include "devkit/webapi/description.h"
 
 namespace desk {
 namespace {
@@ -91,29 +92,6 @@ void Explain(const httplib::Request&, httplib::Response& response) {
 }
 
 }  // namespace
-
-std::string CodeText(int code) {
-  switch (code) {
-    case 105:
-      return "the caller is not an administrator";
-    case 2900:
-      return "general failure; the system log says which step failed";
-    case 2901:
-      return "invalid request, or a setting that it needs is not set";
-    case 2902:
-      return "the network or the control server cannot be reached";
-    case 2903:
-      return "the control server does not accept the device or the account";
-    case 2904:
-      return "the alias belongs to another account";
-    case 2905:
-      return "the control server cannot serve the request at present";
-    case 2906:
-      return "the alias is in use on another device of the account; force moves it";
-    default:
-      return "error " + std::to_string(code);
-  }
-}
 
 RpcServer::RpcServer(const Module& module, std::string admin_token)
     : module_(module), admin_token_(std::move(admin_token)) {

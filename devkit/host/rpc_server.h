@@ -24,7 +24,4 @@ class RpcServer {
   LoopbackServer server_;
 };
 
-/// What a web-API error code means, for people.
-std::string CodeText(int code);
-
 }  // namespace desk

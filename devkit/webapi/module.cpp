@@ -49,6 +49,10 @@ APIHandler Module::Find(const std::string& api, int version, const std::string& 
   return nullptr;
 }
 
+std::string MethodName(const APITableEntry& row) {
+  return std::string(row.api) + '/' + std::to_string(row.version) + '/' + row.method;
+}
+
 std::string Outcome::Problem() const {
   if (thrown) return "left with an exception: " + *thrown;
   if (answers.size() == 1) return "";

@@ -36,6 +36,9 @@ class Module {
   std::vector<APITableEntry> rows_;
 };
 
+/// The name of a row's method, API/VERSION/METHOD.
+std::string MethodName(const APITableEntry& row);
+
 /// What a handler answered: success with a payload, or an error code with data.
 struct Answer {
   bool success;
