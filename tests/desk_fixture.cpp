@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/description_check.h"
+
 namespace desk {
 namespace fs = std::filesystem;
 
@@ -18,12 +20,15 @@ const Module& TheModule() {
   return module;
 }
 
+std::string FullName(const std::string& method) {
+  return std::string("VEXA.Core.TunnelBridge") + (std::isdigit(method[0]) != 0 ? '/' : '.') + method;
+}
+
 APIHandler FindHandler(const std::string& method) {
-  const size_t last = method.rfind('/');
-  const size_t first = method.rfind('/', last - 1);
-  const std::string sub_api = first == std::string::npos ? "" : "." + method.substr(0, first);
-  const std::string version = method.substr(first == std::string::npos ? 0 : first + 1, 1);
-  return TheModule().Find("VEXA.Core.TunnelBridge" + sub_api, std::stoi(version), method.substr(last + 1));
+  for (const APITableEntry& row : TheModule().Rows()) {
+    if (MethodName(row) == FullName(method)) return row.handler;
+  }
+  return nullptr;
 }
 
 Json::Value ParseJson(const std::string& text) {
@@ -121,7 +126,9 @@ DeskTest::~DeskTest() {
 
 Outcome DeskTest::TryMethod(const std::string& method, const Json::Value& params, bool admin) {
   device->trace.Clear();
-  return Call(FindHandler(method), params, admin);
+  const Outcome outcome = Call(FindHandler(method), params, admin);
+  CheckCall(FullName(method), outcome, device->trace.Lines());
+  return outcome;
 }
 
 Answer DeskTest::CallMethod(const std::string& method, const std::string& params, bool admin) {

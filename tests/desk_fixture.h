@@ -43,7 +43,7 @@ class DeskTest : public testing::Test {
 
   /// Calls a method, named as in "1/get", "Upnp/1/set"; expects exactly one answer and returns it.
   Answer CallMethod(const std::string& method, const std::string& params = "{}", bool admin = true);
-  /// Calls a method and returns how that went.
+  /// Calls a method, holds the call against the description, and returns how it went.
   Outcome TryMethod(const std::string& method, const Json::Value& params, bool admin = true);
 
   /// Log lines of the last call, "debug " before those of debug priority.
@@ -80,7 +80,8 @@ class DeskTest : public testing::Test {
 /// The built module.
 const Module& TheModule();
 
-/// The handler of a method named as `CallMethod` takes it.
+/// The whole name of a method named as `CallMethod` takes it, and its handler.
+std::string FullName(const std::string& method);
 APIHandler FindHandler(const std::string& method);
 
 Json::Value ParseJson(const std::string& text);
