@@ -1,15 +1,20 @@
-# Sourced by the scripts beside it: moves to the top of the repository and defines `need_packages`.
+# Sourced by the scripts beside it: answers --help, moves to the top of the repository, and defines what they share.
 set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-library_packages=(libjsoncpp-dev libssl-dev libcurl4-openssl-dev libcpp-httplib-dev libcli11-dev libgtest-dev)
-build_packages=(g++ cmake ninja-build pkg-config "${library_packages[@]}")
+desk_packages=(libjsoncpp-dev libssl-dev libcurl4-openssl-dev libcpp-httplib-dev libcli11-dev)
+library_packages=("${desk_packages[@]}" libgtest-dev)
+tools=(g++ cmake ninja-build pkg-config)
+build_packages=("${tools[@]}" "${library_packages[@]}")
 
 say() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; }
 
-# Ends the script for a mistake of its caller's. The words say how it is used.
+# What --help prints: the comment that the script begins with.
+help() { printf '%s\n' "$own_comment"; }
+
+# Ends the script for a mistake of its caller's, which the words name.
 usage() {
-  say "usage: script/$(basename "$0") $*"
+  say "${*:-wrong arguments}"
+  help >&2
   exit 2
 }
 
@@ -33,3 +38,9 @@ build() {
   cmake --preset "$1" >&2
   cmake --build --preset "$1" >&2
 }
+
+own_comment=$(sed -n '2,${/^#/!q;s/^# \{0,1\}//p}' "$0")
+for argument in "$@"; do
+  case $argument in -h | --help) help && exit ;; esac
+done
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
