@@ -113,7 +113,6 @@ Json::Value LoadJson(const fs::path& file) {
 }
 
 bool StoreText(const fs::path& file, const std::string& text) {
-  const BookKeeping no_fault;
   static std::atomic<unsigned> count{0};
   std::error_code error;
   const fs::file_status status = fs::status(file, error);
@@ -130,7 +129,6 @@ bool StoreText(const fs::path& file, const std::string& text) {
 }
 
 bool StoreJson(const fs::path& file, const Json::Value& document) {
-  const BookKeeping no_fault;
   return StoreText(file, Json::writeString(Json::StreamWriterBuilder(), document) + "\n");
 }
 

@@ -88,7 +88,6 @@ void MarkDeviceFile(FILE* stream, bool open) {
 
 FILE* Open(const char* path, const char* mode, FILE* (*open)(const char*, const char*)) {
   if (!IsOfDevice(path)) return open(path, mode);
-  const desk::BookKeeping no_fault;
   const std::string place = Locate(path);
   FILE* stream = FileFunction<FILE*>("fopen", Args(path, mode), nullptr, [&] { return open(place.c_str(), mode); });
   MarkDeviceFile(stream, true);
@@ -99,7 +98,6 @@ FILE* Open(const char* path, const char* mode, FILE* (*open)(const char*, const 
 template <typename Work>
 ssize_t MoveBytes(const char* name, int file, Work work) {
   if (!IsDeviceFile(file)) return work();
-  const desk::BookKeeping no_fault;
   const auto fault = Device::Get().faults.Take(name);
   if (!fault) return work();
   const int error = fault->isInt() ? fault->asInt() : EIO;
@@ -111,7 +109,6 @@ ssize_t MoveBytes(const char* name, int file, Work work) {
 void Log(int priority, const char* format, va_list args) {
   if (Device::Find() == nullptr) return vsyslog(priority, format, args);
   const int error = errno;
-  const desk::BookKeeping no_fault;
   char* text = nullptr;
   // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started by both callers
   const int size = vasprintf(&text, format, args);
@@ -159,28 +156,24 @@ ssize_t writev(int file, const iovec* parts, int count) {
 int rename(const char* from, const char* to) noexcept {
   static const auto real = Real("rename", &rename);
   if (!IsOfDevice(from)) return real(from, to);
-  const desk::BookKeeping no_fault;
   return FileFunction("rename", Args(from, to), -1, [&] { return real(Locate(from).c_str(), Locate(to).c_str()); });
 }
 
 int unlink(const char* path) noexcept {
   static const auto real = Real("unlink", &unlink);
   if (!IsOfDevice(path)) return real(path);
-  const desk::BookKeeping no_fault;
   return FileFunction("unlink", Args(path), -1, [&] { return real(Locate(path).c_str()); });
 }
 
 int chmod(const char* path, mode_t mode) noexcept {
   static const auto real = Real("chmod", &chmod);
   if (!IsOfDevice(path)) return real(path, mode);
-  const desk::BookKeeping no_fault;
   return FileFunction("chmod", Args(path, mode), -1, [&] { return real(Locate(path).c_str(), mode); });
 }
 
 int usleep(useconds_t microseconds) {
   static const auto real = Real("usleep", &usleep);
   if (desk::current_call == 0) return real(microseconds);
-  const desk::BookKeeping no_fault;
   Device::Get().Sleep(std::chrono::microseconds(microseconds));
   Record("usleep", Args(microseconds), 0);
   return 0;
@@ -200,7 +193,6 @@ void regfree(regex_t* regex) {
   static const auto real = Real("regfree", &regfree);
   real(regex);
   if (desk::current_call == 0) return;
-  const desk::BookKeeping no_fault;
   Record("regfree", Args(), Json::Value());
 }
 

@@ -9,7 +9,6 @@ thread_local unsigned unrecorded = 0;
 }  // namespace
 
 thread_local unsigned current_call = 0;
-thread_local unsigned book_keeping = 0;
 
 Unrecorded::Unrecorded() { ++unrecorded; }
 
@@ -25,7 +24,6 @@ Operation::Operation(std::string name, Json::Value args) : name_(std::move(name)
 
 Operation::~Operation() {
   if (!recorded_) return;
-  const BookKeeping no_fault;
   for (const Slot& output : outputs_) line_["out"][output.name] = output.get();
   if (result_) {
     line_["result"] = *result_;

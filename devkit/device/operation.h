@@ -26,17 +26,6 @@ class Unrecorded {
   Unrecorded& operator=(const Unrecorded&) = delete;
 };
 
-/// How deep this thread is in the stand-in's own book-keeping, which must not fail.
-extern thread_local unsigned book_keeping;
-
-class BookKeeping {
- public:
-  BookKeeping() { ++book_keeping; }
-  ~BookKeeping() { --book_keeping; }
-  BookKeeping(const BookKeeping&) = delete;
-  BookKeeping& operator=(const BookKeeping&) = delete;
-};
-
 /// One call of a platform operation: looks up its fault, does the work, and leaves a line in the trace.
 class Operation {
  public:

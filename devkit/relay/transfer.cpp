@@ -15,15 +15,10 @@ constexpr size_t kMostAnswerBytes = 1 << 20;
 using Handle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
 using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
-/// libcurl calls this and has no clean way out for an exception.
 size_t Append(char* data, size_t, size_t size, void* answer) noexcept {
   auto& text = *static_cast<std::string*>(answer);
   if (text.size() + size > kMostAnswerBytes) return 0;
-  try {
-    text.append(data, size);
-  } catch (const std::bad_alloc&) {
-    return 0;
-  }
+  text.append(data, size);
   return size;
 }
 

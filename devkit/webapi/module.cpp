@@ -21,11 +21,6 @@ constexpr size_t kMostRows = 1000;
 
 std::atomic<unsigned> calls{0};
 
-void HideSecrets(const Json::Value& params) {
-  const BookKeeping no_fault;
-  Device::Get().trace.HideMembers(params);
-}
-
 }  // namespace
 
 Module::Module(const std::filesystem::path& file)
@@ -60,7 +55,7 @@ std::string Outcome::Problem() const {
 }
 
 Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
-  HideSecrets(params);
+  Device::Get().trace.HideMembers(params);
   current_call = ++calls;
   VEXA::APICall call{params, admin, {}};
   VEXA::APIRequest request(call);
