@@ -9,18 +9,12 @@
 
 namespace desk {
 
-/// Holds a call of a described method against the description: the payload against its schema; the code, the log
-/// lines and the parameters that were asked for, which `trace` shows, against those of the method.
+/// Holds a call against the description of its method: the payload against the schema; the code, and in `trace` the
+/// log lines and the parameters asked for, against those of the method.
 void CheckCall(const std::string& method, const Outcome& outcome, const std::vector<Json::Value>& trace);
 
-/// Holds an error of the server against the description: its code, and that it has cause and remedy.
-void CheckError(const Json::Value& error);
-
-/// What of `value` is not as `schema` says; empty when all is. Throws `std::logic_error` for a keyword that it does
-/// not know: what is not checked is not to be promised.
+/// What of `value` is not as `schema` says; empty when all is. Throws `std::logic_error` for a keyword or a type that
+/// it does not know, whatever the value: what is not checked is not to be promised.
 std::string Violation(const Json::Value& schema, const Json::Value& value);
-
-/// What a reference of the description leads to; `value` itself when it is none.
-const Json::Value& Follow(const Json::Value& value);
 
 }  // namespace desk

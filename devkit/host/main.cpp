@@ -13,7 +13,6 @@
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
 #include "devkit/host/check.h"
-#include "devkit/host/explain.h"
 #include "devkit/host/rpc_server.h"
 #include "devkit/webapi/description.h"
 #include "devkit/webapi/module.h"
@@ -45,7 +44,8 @@ struct Options {
   std::string method;
   std::string params = "{}";
   desk::CheckOptions check;
-  desk::ExplainOptions explain;
+  std::string subject;
+  bool json = false;
 };
 
 /// A mistake of the person who started the program.
@@ -220,7 +220,40 @@ int Describe(const Options& options) {
   return kDone;
 }
 
-int Explain(const Options& options) { return desk::ExplainTo(std::cout, options.explain) ? kDone : kErrorAnswer; }
+void PrintAdvice(const Json::Value& explanation) {
+  std::cout << "  cause:  " << explanation["cause"].asString() << '\n'
+            << "  remedy: " << explanation["remedy"].asString() << '\n';
+}
+
+/// Passes the log on, with advice after each line of the module's.
+int ExplainLog(bool json) {
+  bool known = false;
+  for (std::string text; std::getline(std::cin, text);) {
+    Json::Value explanation = desk::FindLogLine(text);
+    known = known || !explanation.isNull();
+    explanation["line"] = text;
+    std::cout << (json ? desk::ToLine(explanation) : text) << '\n';
+    if (!json && explanation.isMember("cause")) PrintAdvice(explanation);
+  }
+  if (!known) std::cerr << "webapi-host: no line of the log is the module's\n";
+  return known ? kDone : kErrorAnswer;
+}
+
+int Explain(const Options& options) {
+  if (options.subject.empty()) return ExplainLog(options.json);
+  const Json::Value& explanations = desk::Explanations(options.subject);
+  for (const Json::Value& explanation : explanations) {
+    if (options.json) {
+      std::cout << desk::ToLine(explanation) << '\n';
+      continue;
+    }
+    std::cout << explanation["subject"].asString() << "  " << explanation["text"].asString() << '\n';
+    if (explanation.isMember("method")) std::cout << "  method: " << explanation["method"].asString() << '\n';
+    PrintAdvice(explanation);
+  }
+  if (explanations.empty()) std::cerr << "webapi-host: nothing is known of '" << options.subject << "'\n";
+  return explanations.empty() ? kErrorAnswer : kDone;
+}
 
 int Check(const Options& options) { return desk::CheckModule(options.check) ? kDone : kErrorAnswer; }
 
@@ -278,9 +311,9 @@ int Run(int argc, char** argv) {
   AddModuleOption(*describe, options);
 
   CLI::App* explain = app.add_subcommand("explain", "Tell cause and remedy of an error code or a log line");
-  explain->add_option("subject", options.explain.subject,
+  explain->add_option("subject", options.subject,
                       "A code, a log line's UNIT:NUMBER or a unit; else a log is read from standard input");
-  explain->add_flag("--json", options.explain.json, "Print one JSON object a line");
+  explain->add_flag("--json", options.json, "Print one JSON object a line");
 
   try {
     app.parse(argc, argv);
