@@ -258,8 +258,11 @@ int Explain(const Options& options) {
 int Check(const Options& options) { return desk::CheckModule(options.check) ? kDone : kErrorAnswer; }
 
 void AddDeviceOptions(CLI::App& command, Options& options) {
-  command.add_option("--root", options.root, "Folder of the desk device; filled when it is new")->capture_default_str();
-  command.add_option("--trace", options.trace, "Append the trace to this file; - for standard error");
+  command.add_option("--root", options.root, "Folder of the desk device; a missing or empty one becomes a new device")
+      ->capture_default_str();
+  command.add_option(
+      "--trace", options.trace,
+      "Append the trace to this file, - for standard error; serve takes desk/trace.jsonl of the device by default");
   command.add_option("--fault", options.faults, "Make an operation fail: OPERATION=RESULT[@N[+]]; may be repeated")
       ->allow_extra_args(false);
   command.add_option("--control-server", options.control_port, "Loopback port of a control server that runs already")
@@ -303,7 +306,7 @@ int Run(int argc, char** argv) {
   check->add_option("module", options.check.module, "The module to check")->required();
   check->add_flag("--json", options.check.json, "Print one JSON object a line");
   check->add_option("--seed", options.check.seed, "Repeat the calls of an earlier run; else they are new each time");
-  check->add_option("--limit", options.check.limit_seconds, "Seconds that one call may take")
+  check->add_option("--limit", options.check.limit_seconds, "Seconds that loading the module, and each call, may take")
       ->check(CLI::Range(1, 3600))
       ->capture_default_str();
 
