@@ -6,6 +6,7 @@
 
 /// The relay client library: the daemon's configuration and state, and requests to the control server.
 /// An empty `path` argument of the `Write…` operations means the file the object was made for.
+/// Private members are the desk device's own; a device's headers have others.
 namespace VEXA {
 namespace Relay {
 
@@ -220,7 +221,7 @@ class Daemon {
 class AliasStatus {
  public:
   AliasStatus();
-  virtual ~AliasStatus();
+  virtual ~AliasStatus() = default;
 
   /// Fills status and detail of `alias`. False, and nothing filled, when nothing is known of it.
   bool GetStatus(const std::string& alias, std::string& status, std::string& detail) const;

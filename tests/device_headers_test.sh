@@ -20,6 +20,7 @@ edit() {
 }
 
 edit webapi.h 's/^( +)APICall\* call_;/\1long reserved_[4] = {};\n&/'
+edit webapi.h 's/^struct APICall;/&\ninline long Warned(double value) { return (long)value; }/'
 edit webapi.h 's/void (SetSuccess|SetError)\(/int \1(/'
 edit relay.h 's/^enum /enum class /; s/ = RELAYD_OK;/ = RELAYD_RET::RELAYD_OK;/'
 edit relay.h 's/virtual ~Config\(\) = default;/&\n  virtual void Reset();/'
@@ -28,7 +29,17 @@ edit relay.h 's/bool (WriteServerId|WriteControlServerHost|DumpDataForAliasReq|G
 edit relay.h 's/const std::string& detail, bool store/const std::string\& detail, int store/'
 edit system.h 's/^int VLIBServiceReload/void VLIBServiceReload/'
 
-cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} \
-  -DTUNNELBRIDGE_DESK=OFF -DTUNNELBRIDGE_PLATFORM_DIR="$work/device"
+configure() {
+  cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug ${toolchain:+-DCMAKE_TOOLCHAIN_FILE="$toolchain"} \
+    -DTUNNELBRIDGE_DESK=OFF -DTUNNELBRIDGE_PLATFORM_DIR="$work/device" -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+}
+
+configure
 cmake --build "$work/build"
 nm --dynamic --demangle "$work/build/bin/VEXA.Core.TunnelBridge.so" | grep 'AliasStatus::SetStatus(.*, int)$'
+
+rm "$work/device/platform/account.h"
+if configure 2>"$work/words" || ! grep --quiet 'There is no platform/account.h' "$work/words"; then
+  echo "a missing header is not named: $(cat "$work/words")"
+  exit 1
+fi

@@ -61,8 +61,6 @@ AliasStatus::AliasStatus() : known_(desk::LoadConf(desk::kAliasStatusPath)) {
   Operation("AliasStatus::AliasStatus").Run([] { return true; });
 }
 
-AliasStatus::~AliasStatus() = default;
-
 bool AliasStatus::GetStatus(const std::string& alias, std::string& status, std::string& detail) const {
   Operation operation("AliasStatus::GetStatus", Args(alias));
   operation.Output("status", status).Output("detail", detail);
