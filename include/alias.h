@@ -1,6 +1,5 @@
 #pragma once
 
-#include <json/value.h>
 #include <platform/relay.h>
 
 #include <string>
@@ -29,11 +28,9 @@ struct Identity {
   std::string proof;
 };
 
-/// The values of one registration, in the order in which they are made.
+/// What lives through the whole call, in the order in which it is made.
 struct AliasCall {
   VEXA::Relay::RelaydConf conf{kDaemonConfPath};
-  VEXA::Relay::RELAYD_RET registration = kRelayNotSet;
-  Json::Value body{Json::objectValue};
   VEXA::Relay::AliasRequest request;
   VEXA::Relay::AliasStatus status;
   std::string response;

@@ -6,6 +6,10 @@
 constexpr int kGeneralError = 2900;
 constexpr int kInvalidRequest = 2901;
 constexpr int kNetworkError = 2902;
+constexpr int kIdentityRefused = 2903;
+constexpr int kAliasTaken = 2904;
+constexpr int kServerUnavailable = 2905;
+constexpr int kAliasOnOtherDevice = 2906;
 /// Success, and what every result code starts with; never sent.
 constexpr int kSuccess = 2907;
 /// The framework's code for a caller without the right to call.

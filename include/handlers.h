@@ -4,7 +4,7 @@
 
 /// The module's methods. A handler answers exactly once, as its last act, and keeps nothing between calls.
 /// Reading methods serve everybody; changing methods answer anybody but an administrator with 105.
-/// No handler catches: what jsoncpp, a stream or the platform throws passes out, and the call is then not
+/// No handler catches: what jsoncpp or the platform throws passes out, and the call is then not
 /// answered.
 #pragma GCC visibility push(default)
 

@@ -20,35 +20,30 @@ struct DaemonState {
   bool HasNetworkError() const;
 };
 
-/// Log lines of one version's `get`.
-struct GetLines {
+/// Log lines of one version's `get` and `set`.
+struct SettingsLines {
   LogUnit unit;
-  int daemon;
-  int config;
-  int section;
+  int get_daemon;
+  int get_config;
+  int get_section;
+  int set_parameter;
+  int set_config;
+  int set_section;
+  int set_unset;
+  int set_store;
+  int set_notify;
 };
 
 /// Asks the daemon for its state, has it refresh the alias, and applies the sections of the daemon
 /// configuration to `alias` and `server`.
-int LoadSettings(const GetLines& lines, DaemonState& daemon, VEXA::Relay::AliasConf& alias,
+int LoadSettings(const SettingsLines& lines, DaemonState& daemon, VEXA::Relay::AliasConf& alias,
                  VEXA::Relay::ServerConf& server);
 
 /// Fills `payload` with the six members of the settings payload; reads the feature switch.
 void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias, const std::string& account,
                   const VEXA::Relay::ServerConf& server);
 
-/// Log lines of one version's `set`.
-struct SetLines {
-  LogUnit unit;
-  int parameter;
-  int config;
-  int section;
-  int unset;
-  int store;
-  int notify;
-};
-
 /// Switches the feature as "enabled" of the request says. Switching on needs an alias in the daemon
 /// configuration and, where `account` is given, an account too.
-int SwitchFeature(const SetLines& lines, VEXA::APIRequest& request, VEXA::Relay::AliasConf& alias,
+int SwitchFeature(const SettingsLines& lines, VEXA::APIRequest& request, VEXA::Relay::AliasConf& alias,
                   VEXA::Relay::KovaConf* account);

@@ -9,9 +9,8 @@
 constexpr char kDaemonConfPath[] = "/usr/vexa/etc/vexarelayd/vexarelayd.conf";
 
 /// Reads the JSON document in `path` into `document`, whose former content is lost in any case.
-/// False when there is none or it cannot be opened, which is not logged, and when it does not parse: that
-/// file is logged and moved aside to `path` + ".bad", or deleted when it cannot be moved.
-/// A path that opens but cannot be read throws `std::ios_failure`, and its file stays where it is.
+/// False when there is none or it cannot be opened or read, which is not logged, and when it does not parse:
+/// that file is logged and moved aside to `path` + ".bad", or deleted when it cannot be moved.
 bool ReadJsonFile(std::string path, Json::Value& document);
 
 /// Replaces the content of `path` with the styled text of `document`, mode 0644 whatever the umask.

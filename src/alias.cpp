@@ -2,9 +2,7 @@
 
 #include <regex.h>
 
-using VEXA::Relay::ALIAS_RET;
-using VEXA::Relay::AliasRequest;
-using VEXA::Relay::RELAYD_RET;
+namespace relay = VEXA::Relay;
 
 namespace {
 
@@ -13,8 +11,8 @@ constexpr char kAliasPattern[] = R"(^[a-zA-Z][a-zA-Z0-9\-]*$)";
 constexpr char kAccountPattern[] = R"(^[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+(\.[0-9A-Za-z!#$%&'*+\/=?^_`{|}~\-]+)*)"
                                    R"(@([A-Za-z0-9]([A-Za-z0-9\-]*[A-Za-z0-9])?\.)+[A-Za-z]{2,}$)";
 
-constexpr auto kRegisterAlias = static_cast<VEXA::Relay::ALIAS_REQUEST_CMD>(1);
-constexpr auto kAliasKeyExpired = static_cast<ALIAS_RET>(14);
+constexpr auto kRegisterAlias = static_cast<relay::ALIAS_REQUEST_CMD>(1);
+constexpr auto kAliasKeyExpired = static_cast<relay::ALIAS_RET>(14);
 
 class Pattern {
  public:
@@ -41,7 +39,7 @@ bool IsAlias(const std::string& alias) { return Pattern(kAliasPattern).Matches(a
 
 bool IsAccount(const std::string& account) { return Pattern(kAccountPattern).Matches(account); }
 
-int RegistrationError(RELAYD_RET result) {
+int RegistrationError(relay::RELAYD_RET result) {
   const int code = MapRelayErrorCode(result);
   return code == kSuccess ? kGeneralError : code;
 }
@@ -50,10 +48,11 @@ int EnsureRegistered(const AliasLines& lines, AliasCall& call) {
   std::string server_id;
   std::string status;
   std::string error;
-  VEXA::Relay::Daemon::GetStatus(server_id, status, error, nullptr);
+  relay::Daemon::GetStatus(server_id, status, error, nullptr);
   if (status != "not_running" && !server_id.empty()) return kSuccess;
-  if (RegisterServerId(call.conf, call.registration)) return kSuccess;
-  return lines.unit.Fail(RegistrationError(call.registration), lines.registration, "%s:%d Register serverid faield");
+  relay::RELAYD_RET result = kRelayNotSet;
+  if (RegisterServerId(call.conf, result)) return kSuccess;
+  return lines.unit.Fail(RegistrationError(result), lines.registration, "%s:%d Register serverid faield");
 }
 
 int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& alias, const Identity& identity,
@@ -61,20 +60,20 @@ int RequestAlias(const AliasLines& lines, AliasCall& call, const std::string& al
   if (!call.conf.alias.SetAliasName(alias)) {
     return lines.unit.Fail(kGeneralError, lines.alias, "%s:%d Alias set error: %s", alias.c_str());
   }
-  call.conf.DumpDataForAliasReq(call.body);
-  call.body[identity.name_member] = identity.name;
-  call.body[identity.proof_member] = identity.proof;
-  call.body["force"] = force ? "true" : "false";
-  if (!call.request.SetRequest(kRegisterAlias, call.body)) {
-    const std::string body = call.body.toStyledString();
-    return lines.unit.Fail(kGeneralError, lines.request, "%s:%d Alias set error: %s", body.c_str());
+  Json::Value body(Json::objectValue);
+  call.conf.DumpDataForAliasReq(body);
+  body[identity.name_member] = identity.name;
+  body[identity.proof_member] = identity.proof;
+  body["force"] = force ? "true" : "false";
+  if (!call.request.SetRequest(kRegisterAlias, body)) {
+    return lines.unit.Fail(kGeneralError, lines.request, "%s:%d Alias set error: %s", body.toStyledString().c_str());
   }
 
-  auto result = static_cast<ALIAS_RET>(0);
+  auto result = static_cast<relay::ALIAS_RET>(0);
   call.request.Send(result);
   if (result == kAliasKeyExpired) call.conf.auth.GenerateApiKey();
   const int code = MapAliasErrorCode(result);
-  AliasRequest::ResponseToString(result, call.response);
+  relay::AliasRequest::ResponseToString(result, call.response);
   if (code == kSuccess) return kSuccess;
   return lines.unit.Fail(code, lines.refusal, "%s:%d Alias request alias: %s ret: %d error: %s", alias.c_str(),
                          static_cast<int>(result), call.response.c_str());

@@ -5,31 +5,28 @@
 #include "error_codes.h"
 #include "utils.h"
 
-using VEXA::Relay::AliasConf;
-using VEXA::Relay::Daemon;
-using VEXA::Relay::KovaConf;
-using VEXA::Relay::ServerConf;
+namespace relay = VEXA::Relay;
 
 namespace {
 
 constexpr char kPortalDomain[] = "relay.vexa.example";
 
-bool ApplySections(Json::Value document, AliasConf& alias, KovaConf* account) {
+bool ApplySections(Json::Value document, relay::AliasConf& alias, relay::KovaConf* account) {
   if (account == nullptr) return SetConfig(std::move(document), "server_alias", alias);
   return SetConfig(document, "server_alias", alias) && SetConfig(std::move(document), "server_kova", *account);
 }
 
 /// Whether the daemon configuration holds what switching on needs.
-int CheckSettings(const SetLines& lines, AliasConf& alias, KovaConf* account) {
+int CheckSettings(const SettingsLines& lines, relay::AliasConf& alias, relay::KovaConf* account) {
   Json::Value document(Json::objectValue);
   if (!ReadJsonFile(kDaemonConfPath, document)) {
-    return lines.unit.Fail(kGeneralError, lines.config, "%s:%d load config failed");
+    return lines.unit.Fail(kGeneralError, lines.set_config, "%s:%d load config failed");
   }
   if (!ApplySections(std::move(document), alias, account)) {
-    return lines.unit.Fail(kGeneralError, lines.section, "%s:%d load config failed");
+    return lines.unit.Fail(kGeneralError, lines.set_section, "%s:%d load config failed");
   }
   if (alias.GetAliasName().empty() || (account != nullptr && account->GetKovaAccount().empty())) {
-    return lines.unit.Fail(kInvalidRequest, lines.unset, "%s:%d alias name and kova account does not set");
+    return lines.unit.Fail(kInvalidRequest, lines.set_unset, "%s:%d alias name and kova account does not set");
   }
   return kSuccess;
 }
@@ -38,23 +35,23 @@ int CheckSettings(const SetLines& lines, AliasConf& alias, KovaConf* account) {
 
 bool DaemonState::HasNetworkError() const { return error == "err_resolv" || error == "err_network"; }
 
-int LoadSettings(const GetLines& lines, DaemonState& daemon, AliasConf& alias, ServerConf& server) {
-  if (!Daemon::GetStatus(daemon.server_id, daemon.status, daemon.error, nullptr)) {
-    return lines.unit.Fail(kGeneralError, lines.daemon, "%s:%d load relayinfo failed");
+int LoadSettings(const SettingsLines& lines, DaemonState& daemon, relay::AliasConf& alias, relay::ServerConf& server) {
+  if (!relay::Daemon::GetStatus(daemon.server_id, daemon.status, daemon.error, nullptr)) {
+    return lines.unit.Fail(kGeneralError, lines.get_daemon, "%s:%d load relayinfo failed");
   }
-  Daemon::UpdateAlias();
+  relay::Daemon::UpdateAlias();
   Json::Value document(Json::objectValue);
   if (!ReadJsonFile(kDaemonConfPath, document)) {
-    return lines.unit.Fail(kGeneralError, lines.config, "%s:%d load config failed");
+    return lines.unit.Fail(kGeneralError, lines.get_config, "%s:%d load config failed");
   }
   if (!SetConfig(document, "server_alias", alias) || !SetConfig(std::move(document), "server_control", server)) {
-    return lines.unit.Fail(kGeneralError, lines.section, "%s:%d load config failed");
+    return lines.unit.Fail(kGeneralError, lines.get_section, "%s:%d load config failed");
   }
   return kSuccess;
 }
 
 void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::string& alias, const std::string& account,
-                  const ServerConf& server) {
+                  const relay::ServerConf& server) {
   const bool enabled = GetEnabled();
   payload["server_id"] = daemon.server_id;
   payload["server_alias"] = alias;
@@ -64,18 +61,17 @@ void FillSettings(Json::Value& payload, const DaemonState& daemon, const std::st
   payload["enabled"] = enabled;
 }
 
-int SwitchFeature(const SetLines& lines, VEXA::APIRequest& request, AliasConf& alias, KovaConf* account) {
+int SwitchFeature(const SettingsLines& lines, VEXA::APIRequest& request, relay::AliasConf& alias,
+                  relay::KovaConf* account) {
   if (!request.HasParam("enabled")) {
-    return lines.unit.Fail(kInvalidRequest, lines.parameter, "%s:%d Invalid parameter");
+    return lines.unit.Fail(kInvalidRequest, lines.set_parameter, "%s:%d Invalid parameter");
   }
   const bool enabled = request.GetParam("enabled", Json::Value()).asBool();
-  if (enabled) {
-    const int code = CheckSettings(lines, alias, account);
-    if (code != kSuccess) return code;
-  }
-  if (!SetEnabled(enabled)) return lines.unit.Fail(kGeneralError, lines.store, "%s:%d Fail to set config");
+  const int code = enabled ? CheckSettings(lines, alias, account) : kSuccess;
+  if (code != kSuccess) return code;
+  if (!SetEnabled(enabled)) return lines.unit.Fail(kGeneralError, lines.set_store, "%s:%d Fail to set config");
   if (NotifyVexarelayd() == -1) {
-    return lines.unit.Fail(kGeneralError, lines.notify, "%s:%d Fail to set notify vexarelayd");
+    return lines.unit.Fail(kGeneralError, lines.set_notify, "%s:%d Fail to set notify vexarelayd");
   }
   return kSuccess;
 }

@@ -1,9 +1,6 @@
-#include <json/value.h>
-
 #include <string_view>
 
 #include "answer.h"
-#include "error_codes.h"
 #include "handlers.h"
 #include "log_unit.h"
 #include "utils.h"
@@ -13,30 +10,23 @@ namespace {
 constexpr LogUnit kUnit{"tunnelbridge.permission.v1"};
 constexpr char kServicesPath[] = "/usr/vexa/etc/vexarelayd/services.conf";
 
-/// What an entry of the list must have.
-struct Entry {
-  const Json::Value* id = nullptr;
-  const Json::Value* enabled = nullptr;
-};
-
 /// Finds both members in one pass: two lookups would cost a tenth of what storing the entry does.
-Entry FindMembers(const Json::Value& value) {
-  Entry entry;
-  if (!value.isObject()) return entry;
-  for (auto member = value.begin(), last = value.end(); member != last; ++member) {
+void FindMembers(const Json::Value& entry, const Json::Value*& id, const Json::Value*& enabled) {
+  for (auto member = entry.begin(), last = entry.end(); member != last; ++member) {
     const char* end = nullptr;
     const char* begin = member.memberName(&end);
     const std::string_view name(begin, end - begin);
-    if (name == "id") entry.id = &*member;
-    if (name == "enabled") entry.enabled = &*member;
+    if (name == "id") id = &*member;
+    if (name == "enabled") enabled = &*member;
   }
-  return entry;
 }
 
-int CheckEntry(const Json::Value& value) {
-  const Entry entry = FindMembers(value);
-  if (entry.id == nullptr || entry.enabled == nullptr) return kUnit.Fail(kInvalidRequest, 47, "%s:%d Invalid entry");
-  if (!entry.id->isString() || !entry.enabled->isBool()) return kUnit.Fail(kInvalidRequest, 55, "%s:%d Invalid type");
+int CheckEntry(const Json::Value& entry) {
+  const Json::Value* id = nullptr;
+  const Json::Value* enabled = nullptr;
+  if (entry.isObject()) FindMembers(entry, id, enabled);
+  if (id == nullptr || enabled == nullptr) return kUnit.Fail(kInvalidRequest, 47, "%s:%d Invalid entry");
+  if (!id->isString() || !enabled->isBool()) return kUnit.Fail(kInvalidRequest, 55, "%s:%d Invalid type");
   return kSuccess;
 }
 
@@ -67,13 +57,11 @@ int ReplaceServices(VEXA::APIRequest& request) {
 
 void GetPermission_v1(VEXA::APIRequest*, VEXA::APIResponse* response) {
   Json::Value payload(Json::objectValue);
-  int code = kSuccess;
-  if (!ReadJsonFile(kServicesPath, payload["services"])) {
-    code = kUnit.Fail(kGeneralError, 13, "%s:%d cannot read config");
-  }
+  const bool read = ReadJsonFile(kServicesPath, payload["services"]);
+  const int code = read ? kSuccess : kUnit.Fail(kGeneralError, 13, "%s:%d cannot read config");
   AnswerReading(*response, code, payload);
 }
 
 void SetPermission_v1(VEXA::APIRequest* request, VEXA::APIResponse* response) {
-  ServeChange(*request, *response, [request] { return ReplaceServices(*request); });
+  ServeChange(*request, *response, ReplaceServices);
 }

@@ -1,8 +1,4 @@
-#include <json/value.h>
-#include <platform/relay.h>
-
 #include "answer.h"
-#include "error_codes.h"
 #include "handlers.h"
 #include "log_unit.h"
 #include "utils.h"
@@ -34,5 +30,5 @@ void GetUpnp_v1(VEXA::APIRequest*, VEXA::APIResponse* response) {
 
 void SetUpnp_v1(VEXA::APIRequest* request, VEXA::APIResponse* response) {
   UpnpConf conf(kUpnpPath);
-  ServeChange(*request, *response, [&] { return StoreUpnp(*request, conf); });
+  ServeChange(*request, *response, [&](auto& asked) { return StoreUpnp(asked, conf); });
 }

@@ -1,32 +1,40 @@
-#include <json/value.h>
-#include <platform/relay.h>
-
 #include <utility>
 
 #include "alias.h"
 #include "answer.h"
-#include "error_codes.h"
 #include "handlers.h"
-#include "log_unit.h"
 #include "settings.h"
-#include "utils.h"
 
-using VEXA::Relay::AliasConf;
-using VEXA::Relay::AliasStatus;
-using VEXA::Relay::KovaConf;
-using VEXA::Relay::ServerConf;
+namespace relay = VEXA::Relay;
 
 namespace {
 
 constexpr LogUnit kUnit{"tunnelbridge.v1"};
-constexpr GetLines kGetLines{kUnit, 303, 313, 320};
-constexpr SetLines kSetLines{kUnit, 236, 246, 253, 260, 268, 274};
-constexpr AliasLines kAliasLines{kUnit, 33, 56, 67, 83, 96};
+constexpr SettingsLines kSettingsLines{
+    kUnit,
+    /*get_daemon=*/303,
+    /*get_config=*/313,
+    /*get_section=*/320,
+    /*set_parameter=*/236,
+    /*set_config=*/246,
+    /*set_section=*/253,
+    /*set_unset=*/260,
+    /*set_store=*/268,
+    /*set_notify=*/274,
+};
+constexpr AliasLines kAliasLines{
+    kUnit,
+    /*registration=*/33,
+    /*alias=*/56,
+    /*request=*/67,
+    /*refusal=*/83,
+    /*notify=*/96,
+};
 
 constexpr size_t kMinimumPasswordBytes = 6;
 constexpr size_t kMaximumPasswordBytes = 128;
 
-int ReadStatus(AliasConf& alias, const AliasStatus& alias_store, Json::Value& payload) {
+int ReadStatus(relay::AliasConf& alias, const relay::AliasStatus& alias_store, Json::Value& payload) {
   Json::Value document(Json::objectValue);
   DaemonState daemon;
   std::string alias_status = "unknown";
@@ -35,7 +43,7 @@ int ReadStatus(AliasConf& alias, const AliasStatus& alias_store, Json::Value& pa
   if (!SetConfig(std::move(document), "server_alias", alias)) {
     return kUnit.Fail(kGeneralError, 125, "%s:%d load config failed");
   }
-  if (!VEXA::Relay::Daemon::GetStatus(daemon.server_id, daemon.status, daemon.error, nullptr)) {
+  if (!relay::Daemon::GetStatus(daemon.server_id, daemon.status, daemon.error, nullptr)) {
     return kUnit.Fail(kGeneralError, 132, "%s:%d load relayinfo failed");
   }
   if (daemon.HasNetworkError()) return kNetworkError;
@@ -78,8 +86,9 @@ int ParseAlias(VEXA::APIRequest& request, AliasParameters& parameters) {
 /// Asks for the register site while the device still takes the registration server for its control server.
 int EnsureRegisterSite(AliasCall& call) {
   if (call.conf.control_server.host != call.conf.register_server.host) return kSuccess;
-  if (GetRegisterSite(call.conf, call.registration)) return kSuccess;
-  return kUnit.Fail(RegistrationError(call.registration), 23, "%s:%d Get register site faield");
+  relay::RELAYD_RET result = kRelayNotSet;
+  if (GetRegisterSite(call.conf, result)) return kSuccess;
+  return kUnit.Fail(RegistrationError(result), 23, "%s:%d Get register site faield");
 }
 
 /// Fills `identity` with what proves the account to the control server.
@@ -109,22 +118,28 @@ int RegisterAlias(const AliasParameters& parameters) {
   return AnnounceAlias(kAliasLines, call, parameters.alias);
 }
 
+int ServeAlias(VEXA::APIRequest& request) {
+  AliasParameters parameters;
+  const int code = ParseAlias(request, parameters);
+  return code == kSuccess ? RegisterAlias(parameters) : code;
+}
+
 }  // namespace
 
 void Status_v1(VEXA::APIRequest*, VEXA::APIResponse* response) {
-  AliasConf alias;
-  const AliasStatus alias_store;
+  relay::AliasConf alias;
+  const relay::AliasStatus alias_store;
   Json::Value payload(Json::objectValue);
   AnswerReading(*response, ReadStatus(alias, alias_store, payload), payload);
 }
 
 void Get_v1(VEXA::APIRequest*, VEXA::APIResponse* response) {
-  AliasConf alias;
-  const KovaConf account;
-  ServerConf server(nullptr, nullptr);
+  relay::AliasConf alias;
+  const relay::KovaConf account;
+  relay::ServerConf server(nullptr, nullptr);
   DaemonState daemon;
   Json::Value payload(Json::objectValue);
-  const int code = LoadSettings(kGetLines, daemon, alias, server);
+  const int code = LoadSettings(kSettingsLines, daemon, alias, server);
   if (code == kSuccess) {
     const std::string alias_name = alias.GetAliasName();
     FillSettings(payload, daemon, alias_name, account.GetKovaAccount(), server);
@@ -133,15 +148,11 @@ void Get_v1(VEXA::APIRequest*, VEXA::APIResponse* response) {
 }
 
 void Set_v1(VEXA::APIRequest* request, VEXA::APIResponse* response) {
-  AliasConf alias;
-  KovaConf account;
-  ServeChange(*request, *response, [&] { return SwitchFeature(kSetLines, *request, alias, &account); });
+  relay::AliasConf alias;
+  relay::KovaConf account;
+  ServeChange(*request, *response, [&](auto& asked) { return SwitchFeature(kSettingsLines, asked, alias, &account); });
 }
 
 void SetServerAlias_v1(VEXA::APIRequest* request, VEXA::APIResponse* response) {
-  ServeChange(*request, *response, [request] {
-    AliasParameters parameters;
-    const int code = ParseAlias(*request, parameters);
-    return code == kSuccess ? RegisterAlias(parameters) : code;
-  });
+  ServeChange(*request, *response, ServeAlias);
 }

@@ -1,21 +1,15 @@
-#include <json/value.h>
 #include <platform/account.h>
-#include <platform/relay.h>
 #include <platform/system.h>
 
 #include <cstddef>
 #include <cstring>
-#include <string>
 
 #include "alias.h"
 #include "answer.h"
-#include "error_codes.h"
 #include "handlers.h"
-#include "log_unit.h"
 #include "settings.h"
 
-using VEXA::Relay::AliasConf;
-using VEXA::Relay::ServerConf;
+namespace relay = VEXA::Relay;
 
 namespace {
 
@@ -26,9 +20,26 @@ static_assert(offsetof(VEXAKOVAAccount, id) == 8192, "offset fixed by the accoun
 static_assert(offsetof(VEXAKOVAAccount, auth_key) == 12288, "offset fixed by the account library");
 
 constexpr LogUnit kUnit{"tunnelbridge.v2"};
-constexpr GetLines kGetLines{kUnit, 231, 241, 248};
-constexpr SetLines kSetLines{kUnit, 163, 173, 179, 185, 193, 199};
-constexpr AliasLines kAliasLines{kUnit, 49, 57, 68, 84, 96};
+constexpr SettingsLines kSettingsLines{
+    kUnit,
+    /*get_daemon=*/231,
+    /*get_config=*/241,
+    /*get_section=*/248,
+    /*set_parameter=*/163,
+    /*set_config=*/173,
+    /*set_section=*/179,
+    /*set_unset=*/185,
+    /*set_store=*/193,
+    /*set_notify=*/199,
+};
+constexpr AliasLines kAliasLines{
+    kUnit,
+    /*registration=*/49,
+    /*alias=*/57,
+    /*request=*/68,
+    /*refusal=*/84,
+    /*notify=*/96,
+};
 
 constexpr char kAccountTool[] = "/usr/vexa/bin/vexakova";
 constexpr unsigned int kAccountToolFlags = 0x41;
@@ -42,6 +53,8 @@ std::string Text(const char (&field)[Size]) {
   return std::string(field, strnlen(field, Size));
 }
 
+int AccountErrorCode(int error) { return error == kAccountServiceUnreachable ? kNetworkError : kGeneralError; }
+
 /// Asks the account service for the account's e-mail address.
 int QueryAccount(std::string& account) {
   Json::Value info;
@@ -50,8 +63,7 @@ int QueryAccount(std::string& account) {
     return kSuccess;
   }
   const int error = VEXAKOVAErrGet();
-  const int code = error == kAccountServiceUnreachable ? kNetworkError : kGeneralError;
-  return kUnit.Fail(code, 270, "%s:%d VEXAKOVAAccountQueryInfo failed, code = %d", error);
+  return kUnit.Fail(AccountErrorCode(error), 270, "%s:%d VEXAKOVAAccountQueryInfo failed, code = %d", error);
 }
 
 int ReadAccount(const DaemonState& daemon, std::string& account) {
@@ -65,10 +77,10 @@ int ReadAccount(const DaemonState& daemon, std::string& account) {
   return QueryAccount(account);
 }
 
-int ReadSettings(AliasConf& alias, ServerConf& server, Json::Value& payload) {
+int ReadSettings(relay::AliasConf& alias, relay::ServerConf& server, Json::Value& payload) {
   DaemonState daemon;
   std::string account;
-  int code = LoadSettings(kGetLines, daemon, alias, server);
+  int code = LoadSettings(kSettingsLines, daemon, alias, server);
   if (code == kSuccess) code = ReadAccount(daemon, account);
   if (code != kSuccess) return code;
   FillSettings(payload, daemon, alias.GetAliasName(), account, server);
@@ -85,8 +97,7 @@ int ReadIdentity(Identity& identity) {
   VEXAKOVAAccount record = {};
   if (VEXAKOVAAccountGet(&record) != 0) {
     const int error = VEXAKOVAErrGet();
-    const int code = error == kAccountServiceUnreachable ? kNetworkError : kGeneralError;
-    return kUnit.Fail(code, 26, "%s:%d ERR_GET_KOVA_ACCOUNT_FAILED error code = %d", error);
+    return kUnit.Fail(AccountErrorCode(error), 26, "%s:%d ERR_GET_KOVA_ACCOUNT_FAILED error code = %d", error);
   }
   const std::string id = Text(record.id);
   const std::string auth_key = Text(record.auth_key);
@@ -122,8 +133,8 @@ int ServeAlias(VEXA::APIRequest& request) {
 }  // namespace
 
 void Get_v2(VEXA::APIRequest*, VEXA::APIResponse* response) {
-  AliasConf alias;
-  ServerConf server(nullptr, nullptr);
+  relay::AliasConf alias;
+  relay::ServerConf server(nullptr, nullptr);
   Json::Value payload(Json::objectValue);
   const int code = ReadSettings(alias, server, payload);
   // An unreachable account service is the one outcome that must not start another query.
@@ -132,10 +143,10 @@ void Get_v2(VEXA::APIRequest*, VEXA::APIResponse* response) {
 }
 
 void Set_v2(VEXA::APIRequest* request, VEXA::APIResponse* response) {
-  AliasConf alias;
-  ServeChange(*request, *response, [&] { return SwitchFeature(kSetLines, *request, alias, nullptr); });
+  relay::AliasConf alias;
+  ServeChange(*request, *response, [&](auto& asked) { return SwitchFeature(kSettingsLines, asked, alias, nullptr); });
 }
 
 void SetServerAlias_v2(VEXA::APIRequest* request, VEXA::APIResponse* response) {
-  ServeChange(*request, *response, [request] { return ServeAlias(*request); });
+  ServeChange(*request, *response, ServeAlias);
 }

@@ -14,16 +14,11 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <utility>
 
 #include "error_codes.h"
 #include "log_unit.h"
 
-using VEXA::Relay::GetErrorStr;
-using VEXA::Relay::ParseServerError;
-using VEXA::Relay::RELAYD_RET;
-using VEXA::Relay::RelaydConf;
-using VEXA::Relay::Request;
+namespace relay = VEXA::Relay;
 
 namespace {
 
@@ -40,15 +35,14 @@ constexpr int kStartQueries = 11;
 constexpr useconds_t kStartPauseMicroseconds = 500000;
 constexpr int kDaemonStarting = 1;
 
-constexpr int kMapEnd = 255;
-constexpr auto kRelaySuccess = static_cast<RELAYD_RET>(0);
-constexpr auto kApiKeyExpired = static_cast<RELAYD_RET>(15);
+constexpr auto kRelaySuccess = static_cast<relay::RELAYD_RET>(0);
+constexpr auto kApiKeyExpired = static_cast<relay::RELAYD_RET>(15);
 
-int MapErrorCode(const ErrorCodeRow* row, int result) {
-  for (; row->result != kMapEnd; ++row) {
-    if (row->result == result) return row->code;
-  }
-  return kGeneralError;
+/// Reads the rest of `file`. False when a read fails, as it does at once where `file` is a directory.
+bool ReadAll(std::ifstream& file, std::string& text) {
+  char block[4096];
+  while (file.read(block, sizeof(block)), file.gcount() > 0) text.append(block, static_cast<size_t>(file.gcount()));
+  return !file.bad();
 }
 
 void MoveAside(const std::string& path) {
@@ -60,7 +54,7 @@ void MoveAside(const std::string& path) {
 
 void WaitForDaemon() {
   Json::Value status;
-  for (int query = 1; VEXA::Relay::Daemon::GetStatus(status) == kDaemonStarting && query < kStartQueries; ++query) {
+  for (int query = 1; relay::Daemon::GetStatus(status) == kDaemonStarting && query < kStartQueries; ++query) {
     usleep(kStartPauseMicroseconds);
   }
 }
@@ -92,63 +86,50 @@ bool HasText(const Json::Value& answer, const char* member) {
   return answer.isObject() && answer.isMember(member) && answer[member].isString();
 }
 
-/// Logs a failed transfer or a missing answer of `request` with `line` and returns the request's error.
-RELAYD_RET FailRequest(const Request& request, int line, const char* format) {
-  const RELAYD_RET error = request.GetError();
+/// Logs a failed transfer or a missing answer of `request` with `line` and gives `result` the request's error.
+bool FailRequest(const relay::Request& request, int line, const char* format, relay::RELAYD_RET& result) {
+  result = request.GetError();
   const int transfer = request.GetCurlResult();
-  return kUnit.Fail(error, line, format, transfer, GetErrorStr(error).c_str());
+  return kUnit.Fail(false, line, format, transfer, relay::GetErrorStr(result).c_str());
 }
 
 /// Logs an answer that reports an error.
-bool FailAnswer(const Json::Value& answer, RELAYD_RET result, int line) {
-  const int server_error = static_cast<int>(ParseServerError(answer));
-  return kUnit.Fail(false, line, "%s:%d reponse failed: %d, %s", server_error, GetErrorStr(result).c_str());
+bool FailAnswer(const Json::Value& answer, relay::RELAYD_RET result, int line) {
+  const int server_error = static_cast<int>(relay::ParseServerError(answer));
+  return kUnit.Fail(false, line, "%s:%d reponse failed: %d, %s", server_error, relay::GetErrorStr(result).c_str());
+}
+
+/// Log lines of one exchange with the control server.
+struct ExchangeLines {
+  int set;
+  int send;
+  int response;
+};
+
+/// Sends `body` and gets the answer, whose result it gives. False, logged, when none arrived: `result` is then the
+/// request's error, or stays when there was nothing to send.
+bool Exchange(const relay::RelaydConf& conf, const ExchangeLines& lines, const Json::Value& body,
+              relay::Request& request, Json::Value& answer, relay::RELAYD_RET& result) {
+  if (!request.Set(conf.register_server.GetUrl(nullptr), body, true)) {
+    return kUnit.Fail(false, lines.set, "%s:%d set register command failed");
+  }
+  if (!request.Send()) return FailRequest(request, lines.send, "%s:%d request send failed: %d, %s", result);
+  if (!request.GetResponse(answer)) {
+    return FailRequest(request, lines.response, "%s:%d can not get response: %d, %s", result);
+  }
+  result = relay::RespErrMap(relay::ParseServerError(answer));
+  return true;
 }
 
 }  // namespace
 
-const ErrorCodeRow grgRelayErrorCodeMap[17] = {
-    {0, kSuccess},
-    {8, 2905},
-    {5, 2905},
-    {6, kNetworkError},
-    {7, kNetworkError},
-    {10, 2903},
-    {12, 2903},
-    {13, 2903},
-    {14, 2903},
-    {9, kGeneralError},
-    {15, kGeneralError},
-    {11, kGeneralError},
-    {1, kGeneralError},
-    {2, kGeneralError},
-    {3, kGeneralError},
-    {4, kGeneralError},
-    {kMapEnd, kGeneralError},
-};
-
-const ErrorCodeRow grgAliasErrorCodeMap[14] = {
-    {1, kSuccess},       {5, kInvalidRequest},
-    {6, kNetworkError},  {7, kNetworkError},
-    {3, 2904},           {12, 2906},
-    {8, 2905},           {4, 2903},
-    {9, 2903},           {10, 2903},
-    {2, kGeneralError},  {11, kGeneralError},
-    {14, kGeneralError}, {kMapEnd, kGeneralError},
-};
-
-int MapRelayErrorCode(RELAYD_RET result) { return MapErrorCode(grgRelayErrorCodeMap, static_cast<int>(result)); }
-
-int MapAliasErrorCode(VEXA::Relay::ALIAS_RET result) {
-  return MapErrorCode(grgAliasErrorCodeMap, static_cast<int>(result));
-}
-
 bool ReadJsonFile(std::string path, Json::Value& document) {
   document = Json::Value();
   std::ifstream file(path);
-  if (!file.good()) return false;
+  std::string text;
+  if (!file.good() || !ReadAll(file, text)) return false;
 
-  if (Json::Reader().parse(file, document, false)) return true;
+  if (Json::Reader().parse(text.data(), text.data() + text.size(), document, false)) return true;
   kUnit.Log(LOG_ERR, 90, "%s:%d bad json format [%s]", path.c_str());
   MoveAside(path);
   return false;
@@ -169,7 +150,7 @@ bool WriteJsonFile(std::string path, const Json::Value& document) {
   return written;
 }
 
-bool SetConfig(Json::Value document, std::string section, VEXA::Relay::Config& config) {
+bool SetConfig(Json::Value document, std::string section, relay::Config& config) {
   if (!document.isObject() || !document.isMember(section)) return false;
   return config.Overwrite(document[section]) && config.Verify();
 }
@@ -210,21 +191,19 @@ int GetMd5String(const char* input, char* output, int size) {
   return 0;
 }
 
-RELAYD_RET SendRegisterServerId(RelaydConf& conf, Json::Value& answer) {
+relay::RELAYD_RET SendRegisterServerId(relay::RelaydConf& conf, Json::Value& answer) {
+  constexpr ExchangeLines kLines{/*set=*/329, /*send=*/336, /*response=*/343};
   Json::Value body;
-  Request request(conf.register_server.GetUrl(nullptr), body, true);
+  relay::Request request(conf.register_server.GetUrl(nullptr), body, true);
   conf.auth.ReadConf();
   FillCommand(body, "register");
   if (!conf.auth.Write(body["auth"], true)) return kUnit.Fail(kRelayNotSet, 323, "%s:%d get auth token failed");
-  if (!request.Set(conf.register_server.GetUrl(nullptr), body, true)) {
-    return kUnit.Fail(kRelayNotSet, 329, "%s:%d set register command failed");
-  }
-  if (!request.Send()) return FailRequest(request, 336, "%s:%d request send failed: %d, %s");
-  if (!request.GetResponse(answer)) return FailRequest(request, 343, "%s:%d can not get response: %d, %s");
-  return VEXA::Relay::RespErrMap(ParseServerError(answer));
+  relay::RELAYD_RET result = kRelayNotSet;
+  Exchange(conf, kLines, body, request, answer, result);
+  return result;
 }
 
-bool RegisterServerId(RelaydConf& conf, RELAYD_RET& result) {
+bool RegisterServerId(relay::RelaydConf& conf, relay::RELAYD_RET& result) {
   Json::Value answer;
   result = SendRegisterServerId(conf, answer);
   if (result == kApiKeyExpired) {
@@ -239,23 +218,13 @@ bool RegisterServerId(RelaydConf& conf, RELAYD_RET& result) {
   return true;
 }
 
-bool GetRegisterSite(RelaydConf& conf, RELAYD_RET& result) {
+bool GetRegisterSite(relay::RelaydConf& conf, relay::RELAYD_RET& result) {
+  constexpr ExchangeLines kLines{/*set=*/266, /*send=*/275, /*response=*/284};
   Json::Value body;
   Json::Value answer;
-  Request request(conf.register_server.GetUrl(nullptr), body, true);
+  relay::Request request(conf.register_server.GetUrl(nullptr), body, true);
   FillCommand(body, "get_register_site");
-  if (!request.Set(conf.register_server.GetUrl(nullptr), body, true)) {
-    return kUnit.Fail(false, 266, "%s:%d set register command failed");
-  }
-  if (!request.Send()) {
-    result = FailRequest(request, 275, "%s:%d request send failed: %d, %s");
-    return false;
-  }
-  if (!request.GetResponse(answer)) {
-    result = FailRequest(request, 284, "%s:%d can not get response: %d, %s");
-    return false;
-  }
-  result = VEXA::Relay::RespErrMap(ParseServerError(answer));
+  if (!Exchange(conf, kLines, body, request, answer, result)) return false;
   if (result != kRelaySuccess) return FailAnswer(answer, result, 292);
   if (!HasText(answer, "host")) return kUnit.Fail(false, 303, "%s:%d cannot get a serverid");
 

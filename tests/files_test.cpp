@@ -48,6 +48,66 @@ TEST_F(FilesTest, AFileNestedTooDeeplyStaysWhereItIs) {
   EXPECT_FALSE(Exists(kBadConf));
 }
 
+/// A method that reads a file, and what it logs where it cannot.
+struct Reading {
+  const char* method;
+  const char* params;
+  const char* file;
+  const char* log;
+};
+
+constexpr Reading kReadings[] = {
+    {"1/status", "{}", kConf, "tunnelbridge.v1:119 load config failed"},
+    {"1/get", "{}", kConf, "tunnelbridge.v1:313 load config failed"},
+    {"1/set", R"({"enabled": true})", kConf, "tunnelbridge.v1:246 load config failed"},
+    {"2/get", "{}", kConf, "tunnelbridge.v2:241 load config failed"},
+    {"2/set", R"({"enabled": true})", kConf, "tunnelbridge.v2:173 load config failed"},
+    {"Permission/1/get", "{}", kServices, "tunnelbridge.permission.v1:13 cannot read config"},
+};
+
+size_t OpenDescriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+TEST_F(FilesTest, AFileThatCannotBeReadCountsAsMissingAndStaysWhereItIs) {
+  const std::string two_reads = "[" + std::string(10000, ' ') + "]";
+  for (const char* way : {"directory", "read=EIO@1", "read=EIO@2"}) {
+    for (const Reading& reading : kReadings) {
+      SCOPED_TRACE(std::string(way) + " " + reading.method);
+      std::filesystem::remove_all(Path(reading.file));
+      device->faults.Clear();
+      if (way == std::string("directory")) {
+        std::filesystem::create_directory(Path(reading.file));
+      } else {
+        Write(reading.file, two_reads);
+        device->faults.Add(way);
+      }
+      const auto before = Snapshot();
+      const size_t descriptors = OpenDescriptors();
+      const Outcome outcome = TryMethod(reading.method, ParseJson(reading.params));
+
+      ASSERT_EQ(outcome.Problem(), "");
+      EXPECT_EQ(outcome.answers.front().code, 2900);
+      EXPECT_EQ(Logs(), Names{reading.log});
+      EXPECT_EQ(OpenDescriptors(), descriptors);
+      EXPECT_TRUE(Exists(reading.file));
+      EXPECT_EQ(Snapshot(), before);
+      EXPECT_EQ(Count("VLIBCExecl"), reading.method == std::string("2/get") ? 1u : 0u);
+      EXPECT_EQ(device->faults.Unmet(), Names());
+    }
+  }
+}
+
+TEST_F(FilesTest, ADirectoryInPlaceOfTheListIsNotWritten) {
+  std::filesystem::remove(Path(kServices));
+  std::filesystem::create_directory(Path(kServices));
+  EXPECT_EQ(TryMethod("Permission/1/set", Services(1)).answers.front().code, 2900);
+  EXPECT_EQ(Logs(), (Names{"utils:112 open failed [/usr/vexa/etc/vexarelayd/services.conf]",
+                           "tunnelbridge.permission.v1:63 write file[/usr/vexa/etc/vexarelayd/services.conf] failed"}));
+  EXPECT_TRUE(std::filesystem::is_directory(Path(kServices)));
+}
+
 TEST_F(FilesTest, AFileThatCannotBeMovedAsideIsDeleted) {
   Write(kConf, "{");
   device->faults.Add("rename=EXDEV");
