@@ -101,6 +101,8 @@ TEST_F(RpcTest, TheTokenMakesAnAdministrator) {
     EXPECT_EQ(Rpc(body, {{"Authorization", authorization}})["error"]["code"], 105) << authorization;
   }
   EXPECT_EQ(ToLine(Rpc(body, {{"Authorization", "Bearer secret"}})), R"({"id":7,"jsonrpc":"2.0","result":null})");
+  const std::string commented = R"({"jsonrpc": "2.0", "id": 7 /*,*/, "method": "VEXA.Core.TunnelBridge.Upnp/1/get"})";
+  EXPECT_EQ(Send(commented)->body.rfind(R"({"id":7,"jsonrpc":)", 0), 0u) << "comments are not kept";
   EXPECT_EQ(Rpc(R"({"jsonrpc": "2.0", "id": "a", "method": "VEXA.Core.TunnelBridge.Upnp/1/get"})")["result"]["enabled"],
             false);
 }
@@ -111,6 +113,11 @@ TEST_F(RpcTest, ARequestThatIsNoneIsAnErrorOfTheFrame) {
       {"", -32700},
       {std::string(2000, '['), -32700},
       {std::string("{}\0", 3), -32700},
+      {R"({"id": /**/ 1})", -32700},
+      {R"({"a\u0000b": 1})", -32700},
+      {R"({"params": [{"\u0000": 1}]})", -32700},
+      {R"({"id": 1, "id": 2})", -32700},
+      {R"({"id": 1,})", -32700},
       {"[]", -32600},
       {"7", -32600},
       {R"({"id": 1, "method": "VEXA.Core.TunnelBridge/1/get"})", -32600},

@@ -59,8 +59,10 @@ class Device {
   std::atomic<std::int64_t> counted_{0};
 };
 
-/// Parses one JSON document and nothing after it. False, with `problem` saying why, when `text` is none or is
-/// nested too deeply.
+/// Parses one JSON document and nothing after it, from whomever it comes. False, with `problem` saying why, when
+/// `text` is none, holds a member twice, is nested more than 999 deep, or names a member with a NUL byte. Comments
+/// are refused before a value and dropped after one. Throws `std::bad_alloc` for want of memory, which makes no
+/// document a broken one.
 bool ParseJson(const std::string& text, Json::Value& value, std::string& problem);
 
 /// Reads a JSON document of the stand-in's own; null when there is none or it is broken. Throws `std::bad_alloc`
