@@ -114,10 +114,10 @@ void CheckCall(const std::string& name, const Outcome& outcome, const std::vecto
     const Json::Value& args = line["args"];
     const bool known = line["op"] != "APIRequest::HasParam" || Find(method["params"], "name", args[0]).isObject();
     EXPECT_TRUE(known) << ToLine(args);
-    if (line["op"] == "syslog" && !outcome.thrown) CheckLog(method, args[1].asString(), outcome.answers.at(0).code);
   }
   if (outcome.answers.empty()) return;
   const Answer& answer = outcome.answers[0];
+  for (const std::string& line : outcome.log) CheckLog(method, line, answer.code);
   seen.insert(name + " " + std::to_string(answer.code));
   EXPECT_TRUE(answer.success || Find(method["errors"], "code", answer.code).isObject()) << answer.code;
   EXPECT_EQ(answer.success ? Violation(method["result"]["schema"], answer.data) : "", "") << ToLine(answer.data);

@@ -19,6 +19,8 @@ constexpr size_t kLeastSecretBytes = 6;
 
 }  // namespace
 
+thread_local std::vector<std::string>* call_log = nullptr;
+
 bool Trace::IsSecret(const std::string& name) {
   return std::find(kSecretMembers.begin(), kSecretMembers.end(), name) != kSecretMembers.end();
 }
@@ -34,6 +36,7 @@ void Trace::Record(Json::Value line) {
   for (const char* member : {"args", "out", "result"}) {
     if (line.isMember(member)) line[member] = Clean(line[member]);
   }
+  if (call_log != nullptr && line["op"] == "syslog") call_log->push_back(line["args"][1].asString());
   if (sink_) return sink_(line, ToLine(line));
   lines_.push_back(std::move(line));
 }

@@ -43,6 +43,9 @@ class Trace {
   Sink sink_;
 };
 
+/// Takes this thread's log lines too, without secrets; null: nobody does.
+extern thread_local std::vector<std::string>* call_log;
+
 /// A value as one line of JSON.
 std::string ToLine(const Json::Value& value);
 

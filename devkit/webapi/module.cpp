@@ -61,6 +61,7 @@ Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
   VEXA::APIRequest request(call);
   VEXA::APIResponse response(call);
   Outcome outcome;
+  call_log = &outcome.log;
   try {
     handler(&request, &response);
   } catch (const std::exception& problem) {
@@ -69,6 +70,7 @@ Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
     outcome.thrown = "not a std::exception";
   }
   current_call = 0;
+  call_log = nullptr;
   outcome.answers = std::move(call.answers);
   return outcome;
 }

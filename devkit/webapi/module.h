@@ -50,6 +50,8 @@ struct Answer {
 struct Outcome {
   std::vector<Answer> answers;
   std::optional<std::string> thrown;
+  /// The lines that it wrote to the system log, without secrets.
+  std::vector<std::string> log;
 
   /// What is wrong about it; empty when there is exactly one answer.
   std::string Problem() const;
