@@ -61,10 +61,12 @@ std::vector<Row> ReadTable(const std::string& name) {
 }
 
 std::string NameOfRow(const testing::TestParamInfo<Row>& row) {
-  std::string name = row.param[0] + "_" + std::to_string(row.index);
+  std::string name = row.param[0];
   for (char& letter : name) letter = std::isalnum(static_cast<unsigned char>(letter)) != 0 ? letter : '_';
   return name;
 }
+
+std::string MethodOf(const Row& row) { return row[0].substr(0, row[0].find(' ')); }
 
 std::vector<std::string> Parts(const std::string& cell) {
   return cell == "-" ? std::vector<std::string>() : Split(cell, " ; ");

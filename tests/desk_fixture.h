@@ -91,8 +91,13 @@ Json::Value ParseJson(const std::string& text);
 using Row = std::vector<std::string>;
 std::vector<Row> ReadTable(const std::string& name);
 
-/// A test's name: the first column of its row and the number of the row.
+/// A test's name: the first column of its row.
 std::string NameOfRow(const testing::TestParamInfo<Row>& row);
+
+/// The method that the name of a row of calls begins with.
+std::string MethodOf(const Row& row);
+
+std::vector<std::string> Split(const std::string& text, const std::string& separator);
 
 /// The parts of a table's cell, apart by " ; ".
 std::vector<std::string> Parts(const std::string& cell);

@@ -20,7 +20,7 @@ TEST_P(FailureTest, AnswersAndLogs) {
   if (may_change) StartControlServer();
   const auto before = Snapshot();
 
-  const Outcome outcome = TryMethod(GetParam()[0], ParseJson(Params(GetParam()[1])));
+  const Outcome outcome = TryMethod(MethodOf(GetParam()), ParseJson(Params(GetParam()[1])));
 
   if (GetParam()[3] == "throws") {
     EXPECT_TRUE(outcome.thrown && outcome.answers.empty());
@@ -45,7 +45,7 @@ TEST_P(PayloadTest, IsGivenToEverybody) {
   StartControlServer();
   Arrange(GetParam()[1]);
   for (const bool admin : {false, true}) {
-    const Answer answer = CallMethod(GetParam()[0], "{}", admin);
+    const Answer answer = CallMethod(MethodOf(GetParam()), "{}", admin);
     EXPECT_TRUE(answer.success);
     EXPECT_EQ(ToLine(answer.data), ToLine(ParseJson(GetParam()[2])));
     EXPECT_EQ(Count("APIRequest::IsAdmin"), 0u);
@@ -55,15 +55,30 @@ TEST_P(PayloadTest, IsGivenToEverybody) {
 INSTANTIATE_TEST_SUITE_P(Each, PayloadTest, testing::ValuesIn(ReadTable("payloads.txt")), NameOfRow);
 
 /// What a method asks of the device, in order.
-class OrderTest : public TableTest {};
+class OrderTest : public TableTest {
+ protected:
+  /// Whether `text` holds the parts of `pattern` between its "..." in their order, and nothing else before and after.
+  static bool Fits(const std::string& text, const std::string& pattern) {
+    const std::vector<std::string> parts = Split(pattern, "... ");
+    if (parts.size() == 1) return text == pattern;
+    const std::string& last = parts.back();
+    size_t done = 0;
+    for (const std::string& part : parts) {
+      const size_t at = text.find(part, done);
+      if (at == std::string::npos || (done == 0 && &part == &parts.front() && at != 0)) return false;
+      done = at + part.size();
+    }
+    return text.size() >= last.size() && text.compare(text.size() - last.size(), last.size(), last) == 0;
+  }
+};
 
 TEST_P(OrderTest, OfOperations) {
   StartControlServer();
   Arrange(GetParam()[2]);
-  CallMethod(GetParam()[0], Params(GetParam()[1]));
+  CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
   std::string operations;
-  for (const std::string& operation : Operations()) operations += (operations.empty() ? "" : " ") + operation;
-  EXPECT_EQ(operations, GetParam()[3]);
+  for (const std::string& operation : Operations()) operations += operation + " ";
+  EXPECT_TRUE(Fits(operations, GetParam()[3] + " ")) << operations;
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, OrderTest, testing::ValuesIn(ReadTable("orders.txt")), NameOfRow);
@@ -74,7 +89,7 @@ class ArgumentsTest : public TableTest {};
 TEST_P(ArgumentsTest, OfAnOperation) {
   StartControlServer();
   Arrange(GetParam()[2]);
-  CallMethod(GetParam()[0], Params(GetParam()[1]));
+  CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
   Json::Value arguments(Json::arrayValue);
   for (const Json::Value& line : device->trace.Lines()) {
     if (line["op"] == GetParam()[3]) arguments.append(line["args"]);

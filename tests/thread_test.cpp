@@ -50,7 +50,9 @@ std::string Judge(const APITableEntry& row, const Outcome& outcome) {
   return Steady(answer.data) == expected ? "" : std::string(row.method) + " gave " + ToLine(answer.data);
 }
 
-TEST_F(DeskTest, EightThreadsCallEverythingAtOnce) {
+using ThreadTest = DeskTest;
+
+TEST_F(ThreadTest, EightThreadsCallEverythingAtOnce) {
   device->trace.SetSink([](const Json::Value&, const std::string&) {});
   StartControlServer();
   // The control server has to give the server id, or it would not know the device.
