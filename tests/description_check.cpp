@@ -123,4 +123,12 @@ void CheckCall(const std::string& name, const Outcome& outcome, const std::vecto
   EXPECT_EQ(answer.success ? Violation(method["result"]["schema"], answer.data) : "", "") << ToLine(answer.data);
 }
 
+void CheckError(const Json::Value& error) {
+  const std::string code = error["code"].asString();
+  EXPECT_TRUE(Description()["components"]["errors"].isMember(code)) << code;
+  EXPECT_NE(error["data"]["cause"].asString(), "") << code;
+  EXPECT_NE(error["data"]["remedy"].asString(), "") << code;
+  seen.insert("server " + code);
+}
+
 }  // namespace desk

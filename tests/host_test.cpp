@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "devkit/webapi/description.h"
+#include "tests/description_check.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {
@@ -86,7 +88,9 @@ class RpcTest : public DeskTest {
   Json::Value Rpc(const std::string& body, const httplib::Headers& headers = {}) {
     const auto reply = Send(body, headers);
     EXPECT_TRUE(reply) << body;
-    return reply ? ParseJson(reply->body) : Json::Value();
+    const Json::Value answer = reply ? ParseJson(reply->body) : Json::Value();
+    if (answer.isMember("error")) CheckError(answer["error"]);
+    return answer;
   }
 
   RpcServer server_;
@@ -137,6 +141,25 @@ TEST_F(RpcTest, AnExceptionIsAnInternalErrorThatNamesTheMethod) {
           {{"Authorization", "Bearer secret"}});
   EXPECT_EQ(reply["error"]["code"], -32603);
   EXPECT_NE(reply["error"]["message"].asString().find("VEXA.Core.TunnelBridge/1/set"), std::string::npos);
+}
+
+TEST_F(RpcTest, AnErrorTellsCauseRemedyAndLog) {
+  const Json::Value data =
+      Rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/set", "params": {"enabled": true}})",
+          {{"Authorization", "Bearer secret"}})["error"]["data"];
+  const Json::Value& line = Explanations("tunnelbridge.v1:260")[0];
+  EXPECT_EQ(data["cause"], line["cause"]);
+  EXPECT_EQ(data["remedy"], line["remedy"]);
+  EXPECT_EQ(data["log"][0], "tunnelbridge.v1:260 alias name and kova account does not set");
+}
+
+TEST_F(RpcTest, TheServerDescribesItself) {
+  for (const char* params : {"", R"(, "params": [])", R"(, "params": {})"}) {
+    const Json::Value reply =
+        Rpc(std::string(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover")") + params + "}");
+    EXPECT_EQ(reply["result"], Describe(TheModule())) << params;
+  }
+  Rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover", "params": [1]})");
 }
 
 TEST_F(RpcTest, HttpRefusesWhatIsNoCall) {

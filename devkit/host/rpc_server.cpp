@@ -35,10 +35,18 @@ Json::Value Reply(const Json::Value& id) {
   return reply;
 }
 
-Json::Value ErrorReply(const Json::Value& id, int code, const std::string& message) {
+Json::Value ErrorReply(const Json::Value& id, int code, const std::string& message, const std::string& method = "",
+                       const std::vector<std::string>& log = {}) {
   Json::Value reply = Reply(id);
   reply["error"]["code"] = code;
   reply["error"]["message"] = message;
+  reply["error"]["data"] = ErrorData(method, code, log);
+  return reply;
+}
+
+Json::Value ResultReply(const Json::Value& id, const Json::Value& result) {
+  Json::Value reply = Reply(id);
+  reply["result"] = result;
   return reply;
 }
 
@@ -58,6 +66,7 @@ Json::Value Dispatch(const Module& module, const Json::Value& request, bool admi
   const Json::Value& id = request["id"];
   const std::string method = request["method"].asString();
   const Json::Value params = request.get("params", Json::objectValue);
+  if (method == "rpc.discover" && (params.isObject() || params.empty())) return ResultReply(id, Describe(module));
   if (!params.isObject()) return ErrorReply(id, kInvalidParams, "\"params\" must be an object of named parameters");
   const APIHandler handler = FindHandler(module, method);
   if (handler == nullptr) {
@@ -65,12 +74,11 @@ Json::Value Dispatch(const Module& module, const Json::Value& request, bool admi
   }
 
   const Outcome outcome = Call(handler, params, admin);
-  if (!outcome.Problem().empty()) return ErrorReply(id, kInternalError, method + " " + outcome.Problem());
+  const std::string problem = outcome.Problem();
+  if (!problem.empty()) return ErrorReply(id, kInternalError, method + " " + problem, method, outcome.log);
   const Answer& answer = outcome.answers.front();
-  if (!answer.success) return ErrorReply(id, answer.code, CodeText(answer.code));
-  Json::Value reply = Reply(id);
-  reply["result"] = answer.data;
-  return reply;
+  if (answer.success) return ResultReply(id, answer.data);
+  return ErrorReply(id, answer.code, CodeText(answer.code), method, outcome.log);
 }
 
 /// A web page must not reach the device through a name that it made point to this machine.
