@@ -2,12 +2,13 @@
 // PORT. The device of this process lies in FOLDER and writes its trace to a file, as that program's does.
 
 #include <benchmark/benchmark.h>
-#include <httplib.h>
+#include <curl/curl.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 
 #include "devkit/device/device.h"
 #include "devkit/webapi/module.h"
@@ -31,30 +32,42 @@ void CallInProcess(benchmark::State& state, APIHandler handler) {
   }
 }
 
-void CallOverHttp(benchmark::State& state, httplib::Client& client, double& slowest) {
-  constexpr char kBody[] = R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge.Permission/1/get"})";
+size_t Take(char* data, size_t, size_t size, void* answer) {
+  static_cast<std::string*>(answer)->append(data, size);
+  return size;
+}
+
+void CallOverHttp(benchmark::State& state, CURL* client, double& slowest) {
+  std::string answer;
+  curl_easy_setopt(client, CURLOPT_WRITEFUNCTION, &Take);
+  curl_easy_setopt(client, CURLOPT_WRITEDATA, &answer);
   while (state.KeepRunning()) {
+    answer.clear();
     const auto start = Clock::now();
-    const auto answer = client.Post("/rpc", kBody, "application/json");
+    const CURLcode result = curl_easy_perform(client);
     slowest = std::max(slowest, Milliseconds(Clock::now() - start).count());
-    if (!answer || answer->body.find("\"result\"") == std::string::npos) state.SkipWithError("the call failed");
+    if (result != CURLE_OK || answer.find("\"result\"") == std::string::npos) state.SkipWithError("the call failed");
   }
 }
 
 int Run(int port, const std::string& folder) {
   desk::Device device(folder);
   std::ofstream trace(folder + "/desk/trace.jsonl");
-  device.trace.SetSink([&trace](const Json::Value&, const std::string& line) { trace << line << std::endl; });
+  device.trace.SetSink([&trace](const std::string& lines, const auto&) { trace << lines << std::flush; });
   const desk::Module module(MODULE_FILE);
   const APIHandler handler = module.Find("VEXA.Core.TunnelBridge.Permission", 1, "get");
 
-  httplib::Client client("127.0.0.1", port);
-  client.set_keep_alive(true);
-  client.set_tcp_nodelay(true);
+  constexpr char kBody[] = R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge.Permission/1/get"})";
+  const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> client(curl_easy_init(), &curl_easy_cleanup);
+  const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(
+      curl_slist_append(nullptr, "Content-Type: application/json"), &curl_slist_free_all);
+  curl_easy_setopt(client.get(), CURLOPT_URL, ("http://127.0.0.1:" + std::to_string(port) + "/rpc").c_str());
+  curl_easy_setopt(client.get(), CURLOPT_HTTPHEADER, headers.get());
+  curl_easy_setopt(client.get(), CURLOPT_POSTFIELDS, kBody);
   double slowest = 0;
 
   benchmark::RegisterBenchmark(kInProcess, [=](auto& state) { CallInProcess(state, handler); })->UseRealTime();
-  benchmark::RegisterBenchmark(kHttp, [&](auto& state) { CallOverHttp(state, client, slowest); })->UseRealTime();
+  benchmark::RegisterBenchmark(kHttp, [&](auto& state) { CallOverHttp(state, client.get(), slowest); })->UseRealTime();
   const auto times = RunInterleaved();
   PrintRow("Permission get: us, in-process beside HTTP", times.at(kInProcess).microseconds,
            times.at(kHttp).microseconds, AtMost(0.5));

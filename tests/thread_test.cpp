@@ -53,7 +53,7 @@ std::string Judge(const APITableEntry& row, const Outcome& outcome) {
 using ThreadTest = DeskTest;
 
 TEST_F(ThreadTest, EightThreadsCallEverythingAtOnce) {
-  device->trace.SetSink([](const Json::Value&, const std::string&) {});
+  device->trace.SetSink([](const auto&, const auto&) {});
   StartControlServer();
   // The control server has to give the server id, or it would not know the device.
   Json::Value conf = ParseJson(kReadyConf);

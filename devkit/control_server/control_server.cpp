@@ -151,24 +151,17 @@ Json::Value Dispatch(Json::Value& state, const Json::Value& request) {
   return Error(relay::RELAYSERVER_BAD_REQUEST);
 }
 
-void CutOff(httplib::Response& response) {
-  const auto write_half = [](size_t, size_t, httplib::DataSink& sink) {
-    sink.write("{\"half\":", 8);
-    return false;
-  };
-  response.set_content_provider(100, "application/json", write_half);
-}
-
-void Misbehave(const Json::Value& step, httplib::Response& response) {
+http::Response Misbehave(const Json::Value& step) {
+  http::Response response;
   if (step["status"].isInt()) response.status = step["status"].asInt();
-  if (step["location"].isString()) response.set_header("Location", step["location"].asString());
-  if (step["text"].isString()) response.set_content(step["text"].asString(), "text/plain");
-  if (step.isMember("answer")) response.set_content(ToLine(step["answer"]), "application/json");
-  if (step["error"].isInt()) response.set_content(ToLine(Error(step["error"].asInt())), "application/json");
-  if (step["bytes"].isUInt()) {
-    response.set_content(std::string(std::min(step["bytes"].asUInt(), kMostBytes), ' '), "text/plain");
-  }
-  if (step["cut"].isBool() && step["cut"].asBool()) CutOff(response);
+  if (step["location"].isString()) response.headers["Location"] = step["location"].asString();
+  if (step["text"].isString()) response.body = step["text"].asString();
+  if (step.isMember("answer")) response.body = ToLine(step["answer"]);
+  if (step["error"].isInt()) response.body = ToLine(Error(step["error"].asInt()));
+  if (step["bytes"].isUInt()) response.body = std::string(std::min(step["bytes"].asUInt(), kMostBytes), ' ');
+  response.breaks_off = step["cut"].isBool() && step["cut"].asBool();
+  if (response.breaks_off) response.body = "{\"half\":";
+  return response;
 }
 
 /// A step with a delay only is served as usual after it.
@@ -186,7 +179,7 @@ ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(fold
   if (!std::filesystem::exists(folder_ / "state.json") && !StoreJson(folder_ / "state.json", NewState())) {
     throw std::runtime_error("cannot write the control server's state into '" + folder_.string() + "'");
   }
-  server_.http.Post("/relay", [this](const auto& request, auto& response) { Serve(request, response); });
+  server_.Route("POST", "/relay", [this](const http::Request& request) { return Serve(request.body); });
 }
 
 ControlServer::~ControlServer() {
@@ -195,16 +188,16 @@ ControlServer::~ControlServer() {
   end_.notify_all();
 }
 
-void ControlServer::Serve(const httplib::Request& request, httplib::Response& response) {
+http::Response ControlServer::Serve(const std::string& text) {
   Json::Value body;
   std::string problem;
-  if (!ParseJson(request.body, body, problem)) body = Json::Value();
+  if (!ParseJson(text, body, problem)) body = Json::Value();
   if (!body.isObject()) body = Json::Value(Json::objectValue);
   const Json::Value step = TakeStep(Text(body, "command"));
   Delay(step);
   if (step["error"] == static_cast<int>(relay::RELAYSERVER_KEY_EXPIRED)) Expire(Text(body["auth"], "api_key"));
-  if (step.isObject() && !OnlyDelays(step)) return Misbehave(step, response);
-  response.set_content(ToLine(Execute(body)), "application/json");
+  if (step.isObject() && !OnlyDelays(step)) return Misbehave(step);
+  return {200, ToLine(Execute(body))};
 }
 
 Json::Value ControlServer::TakeStep(const std::string& command) {

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <mutex>
 
-#include "devkit/control_server/loopback_server.h"
+#include "devkit/http/server.h"
 
 namespace desk {
 
@@ -18,11 +18,11 @@ class ControlServer {
   explicit ControlServer(const std::filesystem::path& folder);
   ~ControlServer();
 
-  /// Starts to serve and returns the port. Throws as `LoopbackServer::Start` does.
+  /// Starts to serve and returns the port. Throws as `http::Server::Start` does.
   int Start(int port = 0) { return server_.Start(port); }
 
  private:
-  void Serve(const httplib::Request& request, httplib::Response& response);
+  http::Response Serve(const std::string& text);
   /// Takes the next step of the script that is for `command`; null when there is none.
   Json::Value TakeStep(const std::string& command);
   /// Waits as long as the step says, but not beyond the end of the server.
@@ -35,7 +35,7 @@ class ControlServer {
   std::mutex mutex_;
   bool ending_ = false;
   std::condition_variable end_;
-  LoopbackServer server_;
+  http::Server server_;
 };
 
 }  // namespace desk

@@ -17,6 +17,9 @@ constexpr size_t kMostSecrets = 100;
 /// A shorter text is no secret worth the name, and hiding it everywhere would make the trace unreadable.
 constexpr size_t kLeastSecretBytes = 6;
 
+/// What this thread's call has recorded so far.
+thread_local std::string call_lines;
+
 }  // namespace
 
 thread_local std::vector<std::string>* call_log = nullptr;
@@ -37,8 +40,17 @@ void Trace::Record(Json::Value line) {
     if (line.isMember(member)) line[member] = Clean(line[member]);
   }
   if (call_log != nullptr && line["op"] == "syslog") call_log->push_back(line["args"][1].asString());
-  if (sink_) return sink_(line, ToLine(line));
-  lines_.push_back(std::move(line));
+  if (sink_) {
+    call_lines += ToLine(line) + "\n";
+  } else {
+    lines_.push_back(std::move(line));
+  }
+}
+
+void Trace::EndCall(const std::vector<std::string>& log) {
+  const std::lock_guard lock(mutex_);
+  if (sink_) sink_(call_lines, log);
+  call_lines.clear();
 }
 
 /// A secret can also stand in a text as the JSON writers spell it.

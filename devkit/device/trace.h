@@ -14,7 +14,8 @@ namespace desk {
 /// web-API call), "op", "args", and "result" or "thrown". Secrets are replaced by "(hidden)".
 class Trace {
  public:
-  using Sink = std::function<void(const Json::Value& line, const std::string& text)>;
+  /// Takes the lines of one call, as they stand in a file, and its log lines.
+  using Sink = std::function<void(const std::string& lines, const std::vector<std::string>& log)>;
 
   /// Adds one line.
   void Record(Json::Value line);
@@ -29,7 +30,10 @@ class Trace {
   std::vector<Json::Value> Lines() const;
   void Clear();
 
-  /// Hands every line to `sink`, as an object and as compact JSON, instead of keeping it.
+  /// Ends this thread's call, which wrote `log`, by handing its lines to the sink.
+  void EndCall(const std::vector<std::string>& log);
+
+  /// Hands lines to `sink`, once for each call, instead of keeping them.
   void SetSink(Sink sink);
 
  private:

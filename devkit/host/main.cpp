@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +38,7 @@ struct Options {
   std::string module = DefaultModule();
   std::string trace;
   std::vector<std::string> faults;
+  std::vector<std::string> origins;
   std::string caller = "admin";
   int control_port = 0;
   int port = 8480;
@@ -63,19 +66,19 @@ class TraceWriter {
       if (!file_) throw UsageError("cannot write the trace to '" + file + "'");
       out_ = &file_;
     }
-    device_.trace.SetSink([this](const Json::Value& line, const std::string& text) { Write(line, text); });
+    device_.trace.SetSink([this](const auto& lines, const auto& log) { Write(lines, log); });
   }
   ~TraceWriter() { device_.trace.SetSink(nullptr); }
   TraceWriter(const TraceWriter&) = delete;
   TraceWriter& operator=(const TraceWriter&) = delete;
 
  private:
-  void Write(const Json::Value& line, const std::string& text) {
-    if (out_ != nullptr && !(*out_ << text << std::endl)) {
+  void Write(const std::string& lines, const std::vector<std::string>& log) {
+    if (out_ != nullptr && !(*out_ << lines << std::flush)) {
       std::cerr << "webapi-host: the trace cannot be written any more\n";
       out_ = nullptr;
     }
-    if (line["op"] == "syslog") std::cerr << "log: " << line["args"][1].asString() << std::endl;
+    for (const std::string& line : log) std::cerr << "log: " << line << std::endl;
   }
 
   desk::Device& device_;
@@ -187,21 +190,30 @@ void StoreToken(const fs::path& file, const std::string& token) {
   umask(former);
 }
 
+/// Holds the folder until the program ends: two servers would take each other's token and port.
+void Claim(const fs::path& folder) {
+  const int file = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (flock(file, LOCK_EX | LOCK_NB) == 0) return;
+  throw UsageError("the device in '" + folder.string() + "' is being served already; end that, or take another --root");
+}
+
 int Serve(Options options) {
   BlockEndSignals();
   const auto module = LoadModule(options);
   if (options.trace.empty()) options.trace = (fs::path(options.root) / "desk/trace.jsonl").string();
   Desk desk(options);
+  Claim(desk.device.Root());
   const std::string token = desk::RandomHex(16);
-  desk::RpcServer server(*module, token);
+  desk::RpcServer server(*module, token, options.origins);
   const int port = server.Start(options.port);
   StoreToken(desk.device.Root() / "desk/admin-token", token);
   if (desk.control_server) {
     Store(desk.device.Root() / "desk/control-server/port", std::to_string(desk.device.control_port));
   }
   std::cerr << "webapi-host: serving http://127.0.0.1:" << port << "/rpc for the device in " << desk.device.Root()
-            << "\n  control server: 127.0.0.1:" << desk.device.control_port << "\n  trace:          " << options.trace
-            << "\n  admin token:    " << token << "\n  Ctrl-C ends it." << std::endl;
+            << "\nwebapi-host: control server: 127.0.0.1:" << desk.device.control_port
+            << "\nwebapi-host: trace:          " << options.trace << "\nwebapi-host: admin token:    " << token
+            << "\nwebapi-host: Ctrl-C ends it." << std::endl;
   return WaitForEnd();
 }
 
@@ -210,7 +222,7 @@ int ServeControl(const Options& options) {
   desk::ControlServer server(options.root);
   const int port = server.Start(options.port);
   std::cerr << "webapi-host: control server on 127.0.0.1:" << port << ", state in " << options.root
-            << "\n  Ctrl-C ends it." << std::endl;
+            << "\nwebapi-host: Ctrl-C ends it." << std::endl;
   return WaitForEnd();
 }
 
@@ -276,7 +288,8 @@ void AddModuleOption(CLI::App& command, Options& options) {
 int Run(int argc, char** argv) {
   Options options;
   CLI::App app("Loads a web-API module into a desk device and calls its methods.");
-  app.require_subcommand(1);
+  app.set_version_flag("--version", "webapi-host " PROJECT_VERSION);
+  app.require_subcommand(0, 1);
 
   CLI::App* list = app.add_subcommand("list", "Show the module's methods, one JSON object a line");
   AddModuleOption(*list, options);
@@ -293,6 +306,8 @@ int Run(int argc, char** argv) {
   CLI::App* serve = app.add_subcommand("serve", "Serve the methods as JSON-RPC 2.0 over HTTP on the loopback address");
   AddModuleOption(*serve, options);
   AddDeviceOptions(*serve, options);
+  serve->add_option("--allow-origin", options.origins, "Admit web pages of this origin; may be repeated")
+      ->allow_extra_args(false);
   serve->add_option("--port", options.port, "Port; 0 for a free one")
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
@@ -321,8 +336,10 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
-    return app.exit(problem) == 0 ? kDone : kUsage;
+    if (problem.get_exit_code() == 0) return app.exit(problem);
+    throw UsageError(std::string(problem.what()) + "; --help shows how it is used");
   }
+  if (app.get_subcommands().empty()) throw UsageError("no command; --help lists them");
   if (list->parsed()) return List(options);
   if (call->parsed()) return Call(options);
   if (serve->parsed()) return Serve(options);

@@ -1,5 +1,8 @@
 #include "devkit/host/rpc_server.h"
 
+#include <openssl/crypto.h>
+#include <strings.h>
+
 #include <charconv>
 #include <optional>
 
@@ -16,6 +19,9 @@ constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
 constexpr int kInternalError = -32603;
 
+constexpr char kError[] = "error";
+constexpr unsigned kMostRequests = 100;
+
 /// Where "API/VERSION/METHOD" leads; null when the module has no such method.
 APIHandler FindHandler(const Module& module, const std::string& name) {
   const size_t first = name.find('/');
@@ -28,104 +34,109 @@ APIHandler FindHandler(const Module& module, const std::string& name) {
   return module.Find(name.substr(0, first), version, name.substr(second + 1));
 }
 
-Json::Value Reply(const Json::Value& id) {
-  Json::Value reply;
-  reply["jsonrpc"] = "2.0";
-  reply["id"] = id;
-  return reply;
+/// A whole answer. `id` is what stands in the request, whose number might not survive being read and written.
+std::string Reply(const std::string& id, const char* kind, const Json::Value& value) {
+  const std::string member = std::string("\"") + kind + "\":" + ToLine(value);
+  const std::string rest = "\"id\":" + id + ",\"jsonrpc\":\"2.0\"";
+  return "{" + (kind == kError ? member + "," + rest : rest + "," + member) + "}";
 }
 
-Json::Value ErrorReply(const Json::Value& id, int code, const std::string& message, const std::string& method = "",
-                       const std::vector<std::string>& log = {}) {
-  Json::Value reply = Reply(id);
-  reply["error"]["code"] = code;
-  reply["error"]["message"] = message;
-  reply["error"]["data"] = ErrorData(method, code, log);
-  return reply;
-}
-
-Json::Value ResultReply(const Json::Value& id, const Json::Value& result) {
-  Json::Value reply = Reply(id);
-  reply["result"] = result;
-  return reply;
+std::string ErrorReply(const std::string& id, int code, const std::string& message, const std::string& method = "",
+                       const Outcome& outcome = {}) {
+  Json::Value error;
+  error["code"] = code;
+  error["message"] = message;
+  error["data"] = ErrorData(method, code, outcome.log);
+  if (outcome.number != 0) error["data"]["call"] = outcome.number;
+  return Reply(id, kError, error);
 }
 
 /// What is wrong with a request as such; nothing when it can be dispatched.
 std::optional<std::string> FindFault(const Json::Value& request) {
-  if (request.isArray()) return "batches are not served; send one request object";
   if (!request.isObject()) return "the request is no object";
   if (request["jsonrpc"] != "2.0") return "the member \"jsonrpc\" is not \"2.0\"";
   if (!request["method"].isString()) return "the member \"method\" is missing or no text";
   const Json::Value& id = request["id"];
   if (!id.isNull() && !id.isString() && !id.isNumeric()) return "the member \"id\" is neither text nor number nor null";
+  const Json::Value& params = request["params"];
+  if (request.isMember("params") && !params.isObject() && !params.isArray()) return "\"params\" is no object";
   return std::nullopt;
 }
 
-Json::Value Dispatch(const Module& module, const Json::Value& request, bool admin) {
-  if (const auto fault = FindFault(request)) return ErrorReply(Json::Value(), kInvalidRequest, *fault);
-  const Json::Value& id = request["id"];
+std::string Dispatch(const Module& module, const Json::Value& request, const std::string& id, bool admin) {
   const std::string method = request["method"].asString();
-  const Json::Value params = request.get("params", Json::objectValue);
-  if (method == "rpc.discover" && (params.isObject() || params.empty())) return ResultReply(id, Describe(module));
-  if (!params.isObject()) return ErrorReply(id, kInvalidParams, "\"params\" must be an object of named parameters");
+  const Json::Value& given = request["params"];
+  const Json::Value params = given.empty() ? Json::Value(Json::objectValue) : given;
+  if (method == "rpc.discover" && params.isObject()) return Reply(id, "result", Describe(module));
   const APIHandler handler = FindHandler(module, method);
   if (handler == nullptr) {
     return ErrorReply(id, kMethodNotFound, "no method '" + method + "'; methods are named API/VERSION/METHOD");
   }
+  if (!params.isObject()) return ErrorReply(id, kInvalidParams, "\"params\" must be an object of named parameters");
 
   const Outcome outcome = Call(handler, params, admin);
-  const std::string problem = outcome.Problem();
-  if (!problem.empty()) return ErrorReply(id, kInternalError, method + " " + problem, method, outcome.log);
-  const Answer& answer = outcome.answers.front();
-  if (answer.success) return ResultReply(id, answer.data);
-  return ErrorReply(id, answer.code, CodeText(answer.code), method, outcome.log);
+  const bool is_answer = outcome.Problem().empty();
+  if (is_answer && outcome.answers.front().success) return Reply(id, "result", outcome.answers.front().data);
+  const int code = is_answer ? outcome.answers.front().code : kInternalError;
+  return ErrorReply(id, code, is_answer ? CodeText(code) : method + " " + outcome.Problem(), method, outcome);
 }
 
-/// A web page must not reach the device through a name that it made point to this machine.
-bool IsLoopbackHost(const std::string& header) {
-  const std::string host = header.substr(0, header.rfind(':'));
-  return host == "127.0.0.1" || host == "localhost";
+/// The answer to one request of `text`; empty for a notification.
+std::string AnswerOne(const Module& module, const Json::Value& request, const std::string& text, bool admin) {
+  if (const auto fault = FindFault(request)) return ErrorReply("null", kInvalidRequest, *fault);
+  const Json::Value& id = request["id"];
+  const auto start = static_cast<size_t>(id.getOffsetStart());
+  const std::string id_text = text.substr(start, static_cast<size_t>(id.getOffsetLimit()) - start);
+  const std::string reply = Dispatch(module, request, id_text, admin);
+  return request.isMember("id") ? reply : "";
 }
 
-bool IsJson(const std::string& content_type) {
-  return content_type.substr(0, content_type.find(';')) == "application/json";
+std::string AnswerAll(const Module& module, const Json::Value& batch, const std::string& text, bool admin) {
+  if (batch.empty() || batch.size() > kMostRequests) {
+    return ErrorReply("null", kInvalidRequest, "a batch holds 1 to " + std::to_string(kMostRequests) + " requests");
+  }
+  std::string replies;
+  for (const Json::Value& request : batch) {
+    const std::string reply = AnswerOne(module, request, text, admin);
+    if (!reply.empty()) replies += (replies.empty() ? "[" : ",") + reply;
+  }
+  return replies.empty() ? "" : replies + "]";
 }
 
-/// The library's own refusals have no text.
-void Explain(const httplib::Request&, httplib::Response& response) {
-  if (response.has_header("Content-Type")) return;
-  if (response.status == 413) return Refuse(response, 413, "the request body is larger than 1 MiB");
-  if (response.status == 404) return Refuse(response, 404, "nothing is served under this path");
-  Refuse(response, response.status, "the request cannot be served");
+/// Takes the same time whatever the token is.
+bool IsToken(const std::string& authorization, const std::string& token) {
+  constexpr char kScheme[] = "Bearer ";
+  constexpr size_t kSize = sizeof(kScheme) - 1;
+  return authorization.size() == kSize + token.size() && strncasecmp(authorization.c_str(), kScheme, kSize) == 0 &&
+         CRYPTO_memcmp(authorization.data() + kSize, token.data(), token.size()) == 0;
 }
 
 }  // namespace
 
-RpcServer::RpcServer(const Module& module, std::string admin_token)
-    : module_(module), admin_token_(std::move(admin_token)) {
-  server_.http.set_error_handler(Explain);
-  server_.http.Post("/rpc", [this](const auto& request, auto& response) { Serve(request, response); });
+RpcServer::RpcServer(const Module& module, std::string admin_token, std::vector<std::string> origins)
+    : module_(module), admin_token_(std::move(admin_token)), server_({"127.0.0.1", "localhost"}, std::move(origins)) {
+  server_.Route("POST", "/rpc", [this](const http::Request& request) { return Serve(request); });
 }
 
-void RpcServer::Serve(const httplib::Request& request, httplib::Response& response) const {
-  if (!IsLoopbackHost(request.get_header_value("Host"))) {
-    return Refuse(response, 403, "the Host header names neither 127.0.0.1 nor localhost");
+http::Response RpcServer::Serve(const http::Request& request) const {
+  const std::string type = request.Header("content-type");
+  if (strcasecmp(type.substr(0, type.find_first_of("; ")).c_str(), "application/json") != 0) {
+    return http::Refusal(415, "the content type is not application/json");
   }
-  if (!IsJson(request.get_header_value("Content-Type"))) {
-    return Refuse(response, 415, "the content type is not application/json");
+  const std::string authorization = request.Header("authorization");
+  const bool admin = IsToken(authorization, admin_token_);
+  if (!admin && !authorization.empty()) {
+    return http::Refusal(401, "the Authorization header does not carry the token of desk/admin-token",
+                         {{"WWW-Authenticate", "Bearer realm=\"desk device\""}});
   }
   Json::Value body;
   std::string problem;
-  const bool readable = ParseJson(request.body, body, problem);
-  const bool admin = request.get_header_value("Authorization") == "Bearer " + admin_token_;
-  const Json::Value reply = readable ? Dispatch(module_, body, admin)
-                                     : ErrorReply(Json::Value(), kParseError, "the body is no JSON: " + problem);
-  const bool is_notification = readable && body.isObject() && !body.isMember("id") && !FindFault(body);
-  if (is_notification) {
-    response.status = 204;
-    return;
+  if (!ParseJson(request.body, body, problem)) {
+    return {200, ErrorReply("null", kParseError, "the body is no JSON: " + problem) + "\n"};
   }
-  response.set_content(ToLine(reply) + "\n", "application/json");
+  const std::string reply = (body.isArray() ? AnswerAll : AnswerOne)(module_, body, request.body, admin);
+  if (reply.empty()) return {204, "", {}};
+  return {200, reply + "\n"};
 }
 
 }  // namespace desk

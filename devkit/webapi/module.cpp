@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <atomic>
+#include <utility>
 
 #include "devkit/device/operation.h"
 
@@ -69,8 +70,9 @@ Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
   } catch (...) {
     outcome.thrown = "not a std::exception";
   }
-  current_call = 0;
   call_log = nullptr;
+  outcome.number = std::exchange(current_call, 0);
+  Device::Get().trace.EndCall(outcome.log);
   outcome.answers = std::move(call.answers);
   return outcome;
 }

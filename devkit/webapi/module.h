@@ -50,6 +50,8 @@ struct Answer {
 struct Outcome {
   std::vector<Answer> answers;
   std::optional<std::string> thrown;
+  /// Its number in the trace.
+  unsigned number = 0;
   /// The lines that it wrote to the system log, without secrets.
   std::vector<std::string> log;
 
