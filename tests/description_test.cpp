@@ -69,6 +69,9 @@ TEST_F(DescriptionTest, IsShownAsFarAsTheModuleGoes) {
   const Json::Value all = ParseJson(RunHost("describe").out);
   EXPECT_EQ(all["methods"].size(), TheModule().Rows().size());
   EXPECT_FALSE(all.isMember("x-undescribed"));
+  const Json::Value other = ParseJson(RunHost("describe --module '" BROKEN_MODULES "/kNone.so'").out);
+  EXPECT_TRUE(other["methods"].empty());
+  EXPECT_EQ(other["x-undescribed"], ParseJson(R"(["Example/1/get", "Example/1/set"])"));
 }
 
 TEST_F(DescriptionTest, ExplainsInWordsAndInJson) {

@@ -46,7 +46,7 @@ APIHandler Module::Find(const std::string& api, int version, const std::string& 
 }
 
 std::string MethodName(const APITableEntry& row) {
-  return std::string(row.api) + '/' + std::to_string(row.version) + '/' + row.method;
+  return std::string(row.api) + '/' + std::to_string(row.version) + '/' + (row.method == nullptr ? "" : row.method);
 }
 
 std::string Outcome::Problem() const {

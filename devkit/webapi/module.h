@@ -36,7 +36,7 @@ class Module {
   std::vector<APITableEntry> rows_;
 };
 
-/// The name of a row's method, API/VERSION/METHOD.
+/// The name of a row's method, API/VERSION/METHOD; a broken row may have no method.
 std::string MethodName(const APITableEntry& row);
 
 /// What a handler answered: success with a payload, or an error code with data.
