@@ -234,6 +234,7 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
     const std::string answer = Send(fill(row.request, '$', status));
     const std::regex details(R"re("error":\{"code":(-?\d+),.*?\},("id":[^,{}]*),"jsonrpc":"2.0")re");
     const std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
+    if (body.rfind("{\"error\"", 0) == 0) CheckError(ParseJson(body)["error"]);
     EXPECT_EQ(std::regex_replace(body, details, R"("error":$1,$2)"),
               row.answer.empty() ? "" : fill(row.answer, '~', result) + "\n")
         << row.request.substr(0, 200);
@@ -258,6 +259,9 @@ TEST_F(RpcTest, TheServerDescribesItself) {
         Rpc(std::string(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover")") + params + "}");
     EXPECT_EQ(reply["result"], Describe(TheModule())) << params;
   }
+  const std::string file =
+      Exchange(port_, "GET /openrpc.json HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+  EXPECT_EQ(file.substr(file.find("\r\n\r\n") + 4), ToLine(Describe(TheModule())) + "\n");
   Rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover", "params": [1]})");
 }
 

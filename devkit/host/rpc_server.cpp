@@ -116,6 +116,9 @@ bool IsToken(const std::string& authorization, const std::string& token) {
 RpcServer::RpcServer(const Module& module, std::string admin_token, std::vector<std::string> origins)
     : module_(module), admin_token_(std::move(admin_token)), server_({"127.0.0.1", "localhost"}, std::move(origins)) {
   server_.Route("POST", "/rpc", [this](const http::Request& request) { return Serve(request); });
+  server_.Route("GET", "/openrpc.json", [this](const http::Request&) {
+    return http::Response{200, ToLine(Describe(module_)) + "\n"};
+  });
 }
 
 http::Response RpcServer::Serve(const http::Request& request) const {
