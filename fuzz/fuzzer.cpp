@@ -90,8 +90,9 @@ size_t Store(Json::Value scene, const Json::Value& part, std::uint8_t* data, siz
 }  // namespace
 }  // namespace desk
 
-/// Has the module loaded by the time libFuzzer counts what there is to cover.
+/// Has the module loaded by the time libFuzzer counts what there is to cover, and what the fixture expects count.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  GTEST_FLAG_SET(throw_on_failure, true);
   desk::TheModule();
   return 0;
 }

@@ -66,7 +66,7 @@ std::string MemberViolation(const Json::Value& schema, const Json::Value& object
     const bool known = schema["properties"].isMember(name);
     if (!known && schema["additionalProperties"] == false) problems += " has " + name;
     const std::string problem = known ? Violation(schema["properties"][name], object[name]) : "";
-    if (!problem.empty()) problems += " " + name + problem;
+    if (!problem.empty()) problems.append(" ").append(name).append(problem);
   }
   return problems;
 }

@@ -13,6 +13,7 @@
 #include <new>
 #include <set>
 
+#include "tests/description_check.h"
 #include "tests/desk_fixture.h"
 
 namespace {
@@ -253,6 +254,7 @@ TEST_P(FaultLoopTest, EveryAllocationFails) {
       if (!allocation_failed) break;
       SCOPED_TRACE(number);
       CheckContract(outcome);
+      CheckCall(FullName(method_), outcome, device->trace.Lines());
       const bool stored = method_ == "Permission/1/set" && !outcome.thrown && outcome.answers.at(0).success;
       EXPECT_TRUE(!stored || Read(kServices) == left_[kServices]) << "the list that counts as stored";
       if (onwards) ExpectWorks();
