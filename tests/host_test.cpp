@@ -8,8 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <regex>
-
 #include "devkit/webapi/description.h"
 #include "tests/description_check.h"
 #include "tests/desk_fixture.h"
@@ -165,6 +163,20 @@ TEST_F(RpcTest, TheTokenMakesAnAdministrator) {
             false);
 }
 
+/// An answer in which an error is its code and its id only.
+std::string WithoutDetails(std::string text) {
+  const std::string start = R"("error":{"code":)";
+  const std::string end = R"(},"id":)";
+  const std::string version = R"(,"jsonrpc":"2.0")";
+  for (size_t at = 0; (at = text.find(start, at)) != std::string::npos;) {
+    const size_t code = at + start.size();
+    text.replace(at, text.find(end, at) + 1 - at, R"("error":)" + text.substr(code, text.find(',', code) - code));
+    at = text.find(version, at);
+    text.erase(at, version.size());
+  }
+  return text;
+}
+
 // The examples of the protocol's document and some of its corners. $ stands for a method, ~ for what it answers.
 TEST_F(RpcTest, TheProtocolIsKeptWhole) {
   const std::string status = R"("method": "VEXA.Core.TunnelBridge/1/status")";
@@ -232,11 +244,9 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
   };
   for (const auto& row : cases) {
     const std::string answer = Send(fill(row.request, '$', status));
-    const std::regex details(R"re("error":\{"code":(-?\d+),.*?\},("id":[^,{}]*),"jsonrpc":"2.0")re");
     const std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
     if (body.rfind("{\"error\"", 0) == 0) CheckError(ParseJson(body)["error"]);
-    EXPECT_EQ(std::regex_replace(body, details, R"("error":$1,$2)"),
-              row.answer.empty() ? "" : fill(row.answer, '~', result) + "\n")
+    EXPECT_EQ(WithoutDetails(body), row.answer.empty() ? "" : fill(row.answer, '~', result) + "\n")
         << row.request.substr(0, 200);
     EXPECT_EQ(answer.substr(0, 12), row.answer.empty() ? "HTTP/1.1 204" : "HTTP/1.1 200") << row.request.substr(0, 200);
   }
