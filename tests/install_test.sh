@@ -5,7 +5,7 @@ build=$1
 configuration=$2
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
-module=opt/device/lib/VEXA.Core.TunnelBridge.so
+module=opt/device/lib/tunnelbridge/VEXA.Core.TunnelBridge.so
 host=opt/device/bin/webapi-host
 
 install_component() { DESTDIR=$stage cmake --install "$build" --prefix /opt/device --component "$1"; }

@@ -25,12 +25,12 @@ namespace fs = std::filesystem;
 
 enum ExitCode : int { kDone = 0, kErrorAnswer = 1, kUsage = 2, kModuleFailed = 3 };
 
-/// The module beside the program, as built, or else in lib/ beside the program's folder, as installed.
+/// The module beside the program, as built, or else in lib/tunnelbridge/ beside the program's folder, as installed.
 std::string DefaultModule() {
   constexpr char kName[] = "VEXA.Core.TunnelBridge.so";
   const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
   const fs::path beside = folder / kName;
-  return fs::exists(beside) ? beside : folder.parent_path() / "lib" / kName;
+  return fs::exists(beside) ? beside : folder.parent_path() / "lib/tunnelbridge" / kName;
 }
 
 struct Options {
@@ -282,7 +282,7 @@ void AddDeviceOptions(CLI::App& command, Options& options) {
 }
 
 void AddModuleOption(CLI::App& command, Options& options) {
-  command.add_option("--module", options.module, "The module to load")->capture_default_str();
+  command.add_option("--module", options.module, "The module to load; else the one beside the program");
 }
 
 int Run(int argc, char** argv) {
@@ -290,6 +290,7 @@ int Run(int argc, char** argv) {
   CLI::App app("Loads a web-API module into a desk device and calls its methods.");
   app.set_version_flag("--version", "webapi-host " PROJECT_VERSION);
   app.require_subcommand(0, 1);
+  app.set_help_all_flag("--help-all", "Print the help of all subcommands and exit");
 
   CLI::App* list = app.add_subcommand("list", "Show the module's methods, one JSON object a line");
   AddModuleOption(*list, options);
