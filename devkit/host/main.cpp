@@ -290,7 +290,6 @@ int Run(int argc, char** argv) {
   CLI::App app("Loads a web-API module into a desk device and calls its methods.");
   app.set_version_flag("--version", "webapi-host " PROJECT_VERSION);
   app.require_subcommand(0, 1);
-  app.set_help_all_flag("--help-all", "Print the help of all subcommands and exit");
 
   CLI::App* list = app.add_subcommand("list", "Show the module's methods, one JSON object a line");
   AddModuleOption(*list, options);
@@ -334,6 +333,7 @@ int Run(int argc, char** argv) {
                       "A code, a log line's UNIT:NUMBER or a unit; else a log is read from standard input");
   explain->add_flag("--json", options.json, "Print one JSON object a line");
 
+  app.set_help_all_flag("--help-all", "Print the help of all subcommands and exit");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
