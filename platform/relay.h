@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <memory>
 #include <string>
 
 /// The relay client library: the daemon's configuration and state, and requests to the control server.
@@ -237,11 +238,13 @@ class AliasStatus {
 class AliasRequest {
  public:
   AliasRequest();
+  ~AliasRequest();
 
   /// Prepares the request. False when `body` cannot be sent.
   bool SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body);
 
-  /// Sends the request and always fills `result`. True when the server accepted it.
+  /// Sends the request and always fills `result`. True when the server accepted it. Until this object ends no other
+  /// sends one, so that its sender stores the alias that the server heard last.
   bool Send(ALIAS_RET& result);
 
   /// Puts the text of `result` into `text`.
@@ -249,6 +252,7 @@ class AliasRequest {
 
  private:
   Json::Value body_;
+  std::shared_ptr<void> turn_;
 };
 
 /// One request to the control server: a POST of JSON answered with JSON.

@@ -63,7 +63,7 @@ class DeskTest : public testing::Test {
 
   void Write(const std::string& file, const std::string& text) const;
   std::string Read(const std::string& file) const;
-  Json::Value ReadJson(const std::string& file) const { return LoadJson(Path(file)); }
+  Json::Value ReadJson(const std::string& file) const { return LoadJson(Path(file)).value_or(Json::Value()); }
   bool Exists(const std::string& file) const { return std::filesystem::exists(Path(file)); }
   std::filesystem::path Path(const std::string& file) const { return device->Root() / file; }
 

@@ -8,6 +8,7 @@
 using desk::Args;
 using desk::Device;
 using desk::Operation;
+using desk::Text;
 
 namespace {
 
@@ -22,10 +23,6 @@ int Fail(AccountError error) {
   return -1;
 }
 
-std::string Text(const Json::Value& account, const char* member) {
-  return account.isObject() && account.isMember(member) && account[member].isString() ? account[member].asString() : "";
-}
-
 template <size_t Size>
 void Copy(char (&field)[Size], const std::string& text) {
   std::strncpy(field, text.c_str(), Size - 1);
@@ -33,18 +30,19 @@ void Copy(char (&field)[Size], const std::string& text) {
 
 /// Reads the bound account. 0, or -1 with the error number set.
 int LoadAccount(Json::Value& account) {
-  const std::filesystem::path file = Device::Get().Locate(kAccountPath);
-  std::error_code error;
-  if (!std::filesystem::exists(file, error)) return Fail(kNotBound);
-  account = desk::LoadJson(file);
-  return account.isObject() ? 0 : Fail(kBadRecord);
+  last_error = kBadRecord;
+  const auto record = Device::Get().Load(kAccountPath);
+  if (!record) return Fail(kNotBound);
+  account = *record;
+  if (!account.isObject()) return Fail(kBadRecord);
+  last_error = kNone;
+  return 0;
 }
 
 }  // namespace
 
 int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
   Json::Value record;
-  last_error = kNone;
   Operation operation("VEXAKOVAAccountGet");
   const int result = operation.Output("record", record).Run([&] { return LoadAccount(record); });
   if (result != 0) return result;
@@ -59,7 +57,6 @@ int VEXAKOVAErrGet() {
 }
 
 int VEXAKOVAAccountQueryInfo(Json::Value& info, bool online, bool refresh) {
-  last_error = kNone;
   Operation operation("VEXAKOVAAccountQueryInfo", Args(online, refresh));
   return operation.Output("info", info).Run([&] {
     Json::Value record;

@@ -1,17 +1,14 @@
 #include "devkit/control_server/control_server.h"
 
-#include <openssl/evp.h>
 #include <platform/relay.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <iostream>
+#include <limits>
 
 #include "devkit/device/device.h"
-#include "devkit/device/new_device.h"
 #include "devkit/device/trace.h"
-#include "devkit/relay/files.h"
 
 namespace desk {
 namespace {
@@ -19,41 +16,41 @@ namespace {
 namespace relay = VEXA::Relay;
 
 constexpr int kFirstServerId = 100001;
+// Bytes of what a device names and the state keeps.
+constexpr size_t kMostDevice = 64;
+constexpr size_t kMostKey = 64;
+constexpr size_t kMostAlias = 63;
+constexpr size_t kMostAccount = 254;
 constexpr unsigned kMostBytes = 4 << 20;
 constexpr auto kMostDelay = std::chrono::seconds(30);
 
-std::string Md5(const std::string& text) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned size = 0;
-  EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr);
-  std::string hex;
-  char digits[3];
-  for (unsigned byte = 0; byte < size; ++byte) {
-    std::snprintf(digits, sizeof(digits), "%02x", digest[byte]);
-    hex += digits;
+/// Knows two cloud accounts: that of a new device, and "guest-password".
+constexpr char kNewState[] = R"({
+  "devices": {},
+  "aliases": {},
+  "expired_keys": [],
+  "accounts": {
+    "owner@vexa.example": {
+      "password_md5": "7d65e1f9862de8d6292ba4888e7c3349",
+      "id": "kova-1001",
+      "auth_key": "desk-auth-key-of-owner"
+    },
+    "guest@vexa.example": {
+      "password_md5": "779745e1c6f18ad2434261e0e7fda484",
+      "id": "kova-1002",
+      "auth_key": "desk-auth-key-of-guest"
+    }
   }
-  return hex;
 }
-
-Json::Value NewState() {
-  Json::Value state;
-  state["devices"] = Json::objectValue;
-  state["aliases"] = Json::objectValue;
-  state["expired_keys"] = Json::arrayValue;
-  for (const DemoAccount& account : {kOwner, kGuest}) {
-    Json::Value& entry = state["accounts"][account.name];
-    entry["password_md5"] = Md5(account.password);
-    entry["id"] = account.id;
-    entry["auth_key"] = account.auth_key;
-  }
-  return state;
-}
+)";
 
 Json::Value Error(int code) {
   Json::Value answer;
   answer["error"]["code"] = code;
   return answer;
 }
+
+bool IsName(const std::string& text, size_t most) { return !text.empty() && text.size() <= most; }
 
 bool IsExpired(const Json::Value& state, const std::string& key) {
   for (const Json::Value& expired : state["expired_keys"]) {
@@ -65,8 +62,9 @@ bool IsExpired(const Json::Value& state, const std::string& key) {
 /// Checks a device's key. A device may change its key only after the old one has expired.
 int Identify(Json::Value& state, const Json::Value& auth) {
   const std::string key = Text(auth, "api_key");
-  Json::Value& device = state["devices"][Text(auth, "device")];
-  if (key.empty() || Text(auth, "device").empty()) return relay::RELAYSERVER_BAD_REQUEST;
+  const std::string name = Text(auth, "device");
+  if (!IsName(key, kMostKey) || !IsName(name, kMostDevice)) return relay::RELAYSERVER_BAD_REQUEST;
+  Json::Value& device = state["devices"][name];
   if (IsExpired(state, key)) return relay::RELAYSERVER_KEY_EXPIRED;
   const std::string known = Text(device, "api_key");
   if (!known.empty() && known != key && !IsExpired(state, known)) return relay::RELAYSERVER_UNKNOWN_DEVICE;
@@ -80,6 +78,7 @@ Json::Value RegisterDevice(Json::Value& state, const Json::Value& request) {
   Json::Value& device = state["devices"][Text(request["auth"], "device")];
   if (Text(device, "server_id").empty()) {
     const int next = state.get("next_server_id", kFirstServerId).asInt();
+    if (next == std::numeric_limits<int>::max()) return Error(relay::RELAYSERVER_INTERNAL);
     device["server_id"] = std::to_string(next);
     state["next_server_id"] = next + 1;
   }
@@ -103,6 +102,7 @@ int FindAccount(const Json::Value& state, const Json::Value& request, std::strin
     const Json::Value& account = accounts[candidate];
     if (by_id ? Text(account, "id") != Text(request, "kova_id") : candidate != Text(request, "kova_account")) continue;
     name = candidate;
+    if (!IsName(name, kMostAccount)) return relay::RELAYSERVER_UNKNOWN_ACCOUNT;
     if (by_id && Text(account, "auth_key") != Text(request, "auth_key")) return relay::RELAYSERVER_BAD_AUTH_KEY;
     if (!by_id && Text(account, "password_md5") != Text(request, "kova_password")) {
       return relay::RELAYSERVER_BAD_PASSWORD;
@@ -129,7 +129,7 @@ Json::Value SetAlias(Json::Value& state, const Json::Value& request) {
     error = relay::RELAYSERVER_UNKNOWN_DEVICE;
   }
   if (error == 0) error = FindAccount(state, request, account);
-  if (error == 0 && (alias.empty() || alias.size() > 63)) error = relay::RELAYSERVER_BAD_ALIAS;
+  if (error == 0 && !IsName(alias, kMostAlias)) error = relay::RELAYSERVER_BAD_ALIAS;
   if (error == 0) error = CheckOwner(state["aliases"][alias], account, device, Text(request, "force") == "true");
   if (error != 0) return Error(error);
 
@@ -176,7 +176,9 @@ bool OnlyDelays(const Json::Value& step) {
 
 ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(folder) {
   std::filesystem::create_directories(folder_);
-  if (!std::filesystem::exists(folder_ / "state.json") && !StoreJson(folder_ / "state.json", NewState())) {
+  const FolderLock lock(folder_);
+  RemoveParts(folder_);
+  if (!std::filesystem::exists(folder_ / "state.json") && !StoreText(folder_ / "state.json", kNewState)) {
     throw std::runtime_error("cannot write the control server's state into '" + folder_.string() + "'");
   }
   server_.Route("POST", "/relay", [this](const http::Request& request) { return Serve(request.body); });
@@ -193,19 +195,24 @@ http::Response ControlServer::Serve(const std::string& text) {
   std::string problem;
   if (!ParseJson(text, body, problem)) body = Json::Value();
   if (!body.isObject()) body = Json::Value(Json::objectValue);
-  const Json::Value step = TakeStep(Text(body, "command"));
-  Delay(step);
-  if (step["error"] == static_cast<int>(relay::RELAYSERVER_KEY_EXPIRED)) Expire(Text(body["auth"], "api_key"));
-  if (step.isObject() && !OnlyDelays(step)) return Misbehave(step);
-  return {200, ToLine(Execute(body))};
+  try {
+    const Json::Value step = TakeStep(Text(body, "command"));
+    Delay(step);
+    if (step["error"] == static_cast<int>(relay::RELAYSERVER_KEY_EXPIRED)) Expire(Text(body["auth"], "api_key"));
+    if (step.isObject() && !OnlyDelays(step)) return Misbehave(step);
+    return {200, ToLine(Execute(body))};
+  } catch (const std::exception&) {
+    // A file that cannot be read, or a state that a person edited into another shape.
+    return {200, ToLine(Error(relay::RELAYSERVER_INTERNAL))};
+  }
 }
 
 Json::Value ControlServer::TakeStep(const std::string& command) {
-  const std::lock_guard lock(mutex_);
+  const FolderLock lock(folder_);
   const std::filesystem::path file = folder_ / "script.json";
-  const Json::Value steps = LoadJson(file);
+  const Json::Value steps = LoadJson(file).value_or(Json::arrayValue);
   if (!steps.isArray()) {
-    if (std::filesystem::exists(file)) std::cerr << "control server: " << file << " is no JSON array; ignored\n";
+    std::cerr << "control server: " << file << " is no JSON array; ignored\n";
     return Json::Value();
   }
   Json::Value rest(Json::arrayValue);
@@ -232,27 +239,26 @@ void ControlServer::Delay(const Json::Value& step) {
 }
 
 void ControlServer::Expire(const std::string& key) {
-  const std::lock_guard lock(mutex_);
-  Json::Value state = LoadJson(folder_ / "state.json");
-  if (key.empty() || !state.isObject() || !state["expired_keys"].isArray()) return;
+  const FolderLock lock(folder_);
+  Json::Value state = LoadState();
+  if (!IsName(key, kMostKey) || !state["expired_keys"].isArray()) return;
   state["expired_keys"].append(key);
   StoreJson(folder_ / "state.json", state);
 }
 
+Json::Value ControlServer::LoadState() const {
+  Json::Value state = LoadJson(folder_ / "state.json").value_or(Json::Value());
+  if (!state.isObject()) throw FileError("the control server's state is no JSON object");
+  return state;
+}
+
 Json::Value ControlServer::Execute(const Json::Value& request) {
-  const std::lock_guard lock(mutex_);
-  try {
-    Json::Value state = LoadJson(folder_ / "state.json");
-    if (!state.isObject()) return Error(relay::RELAYSERVER_INTERNAL);
-    Json::Value answer = Dispatch(state, request);
-    // A refused request leaves no trace: the half-made entries of a refused device are not stored.
-    if (!answer.isMember("error") && !StoreJson(folder_ / "state.json", state)) {
-      return Error(relay::RELAYSERVER_INTERNAL);
-    }
-    return answer;
-  } catch (const std::exception&) {
-    return Error(relay::RELAYSERVER_INTERNAL);  // a state that a person edited into another shape
-  }
+  const FolderLock lock(folder_);
+  Json::Value state = LoadState();
+  Json::Value answer = Dispatch(state, request);
+  // A refused request leaves no trace: the half-made entries of a refused device are not stored.
+  const bool done = answer.isMember("error") || StoreJson(folder_ / "state.json", state);
+  return done ? answer : Error(relay::RELAYSERVER_INTERNAL);
 }
 
 }  // namespace desk

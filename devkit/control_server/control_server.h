@@ -29,6 +29,7 @@ class ControlServer {
   void Delay(const Json::Value& step);
   /// A key that a step called expired stays expired.
   void Expire(const std::string& key);
+  Json::Value LoadState() const;
   Json::Value Execute(const Json::Value& request);
 
   std::filesystem::path folder_;

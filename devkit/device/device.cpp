@@ -1,18 +1,13 @@
 #include "devkit/device/device.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
-#include <unistd.h>
 
 #include <fstream>
-#include <iterator>
-#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 
 #include "devkit/device/new_device.h"
-#include "devkit/device/operation.h"
 
 namespace desk {
 namespace fs = std::filesystem;
@@ -29,11 +24,14 @@ fs::path PrepareRoot(const fs::path& root) {
   }
   fs::path absolute = fs::canonical(root);
   if (absolute == "/") throw std::runtime_error("the machine's own root cannot be a desk device; name another folder");
-  if (fs::is_empty(absolute)) {
-    FillNewDevice(absolute);
-  } else if (!fs::is_directory(absolute / "desk")) {
+  if (!fs::is_empty(absolute) && !fs::is_directory(absolute / "desk")) {
     throw std::runtime_error("'" + absolute.string() + "' is no desk device; name an empty or a new folder");
   }
+  const FolderLock lock(absolute);
+  for (const char* folder : {"desk", "etc", "usr/vexa/etc/vexarelayd", "usr/vexa/etc/kova", "usr/vexa/bin"}) {
+    RemoveParts(absolute / folder);
+  }
+  if (!fs::exists(absolute / "desk/services.json")) FillNewDevice(absolute);
   return absolute;
 }
 
@@ -118,35 +116,10 @@ bool ParseJson(const std::string& text, Json::Value& value, std::string& problem
   return false;
 }
 
-Json::Value LoadJson(const fs::path& file) {
-  std::error_code error;
-  if (!fs::is_regular_file(file, error)) return Json::Value();
-  // Not copied from stream to stream, which keeps quiet about an exception.
-  std::ifstream stream(file);
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
-  Json::Value document;
-  std::string problem;
-  return ParseJson(text, document, problem) ? document : Json::Value();
-}
-
-bool StoreText(const fs::path& file, const std::string& text) {
-  static std::atomic<unsigned> count{0};
-  std::error_code error;
-  const fs::file_status status = fs::status(file, error);
-  if (fs::exists(status) && (status.permissions() & fs::perms::owner_write) == fs::perms::none) return false;
-
-  const fs::path part = file.string() + ".part-" + std::to_string(getpid()) + "-" + std::to_string(++count);
-  std::ofstream stream(part);
-  stream << text;
-  stream.close();
-  if (stream) fs::rename(part, file, error);
-  if (stream && !error) return true;
-  fs::remove(part, error);
-  return false;
-}
-
-bool StoreJson(const fs::path& file, const Json::Value& document) {
-  return StoreText(file, Json::writeString(Json::StreamWriterBuilder(), document) + "\n");
+std::optional<Json::Value> Device::Load(const std::string& device_path) {
+  auto document = LoadJson(Locate(device_path));
+  if (document) trace.Own(device_path, *document);
+  return document;
 }
 
 }  // namespace desk

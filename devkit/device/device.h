@@ -5,12 +5,10 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
 
 #include "devkit/device/faults.h"
+#include "devkit/device/files.h"
 #include "devkit/device/trace.h"
 
 namespace desk {
@@ -39,14 +37,15 @@ class Device {
   /// Where an absolute path of the device lies on this machine.
   std::filesystem::path Locate(const std::string& device_path) const;
 
+  /// Reads a JSON file of the device as `LoadJson` does. The trace hides the secrets that it holds from now on.
+  std::optional<Json::Value> Load(const std::string& device_path);
+
   /// Milliseconds since the epoch, or since the start of a counted clock.
   std::int64_t Now() const;
   void Sleep(std::chrono::microseconds pause);
 
   Trace trace;
   Faults faults;
-  /// Held while a stand-in library reads, changes and writes one of its files.
-  std::mutex files;
   /// Port of the control server on the loopback address; 0: there is none.
   std::atomic<int> control_port{0};
   /// Limits of one request to it.
@@ -64,14 +63,5 @@ class Device {
 /// are refused before a value and dropped after one. Throws `std::bad_alloc` for want of memory, which makes no
 /// document a broken one.
 bool ParseJson(const std::string& text, Json::Value& value, std::string& problem);
-
-/// Reads a JSON document of the stand-in's own; null when there is none or it is broken. Throws `std::bad_alloc`
-/// for one that could not be read for want of memory: taken for an empty one, it would be overwritten.
-Json::Value LoadJson(const std::filesystem::path& file);
-
-/// Stores a document through a temporary file and a rename. False when that fails, or when the present file
-/// is write-protected, which counts for the superuser too.
-bool StoreText(const std::filesystem::path& file, const std::string& text);
-bool StoreJson(const std::filesystem::path& file, const Json::Value& document);
 
 }  // namespace desk

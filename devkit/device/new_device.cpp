@@ -6,7 +6,6 @@
 #include <stdexcept>
 
 #include "devkit/device/device.h"
-#include "devkit/device/operation.h"
 
 namespace desk {
 namespace fs = std::filesystem;
@@ -24,31 +23,32 @@ root=$(CDPATH= cd "$(dirname "$0")/../../.." && pwd)
 echo "vexakova $*" >> "$root/desk/vexakova.log"
 )";
 
-Json::Value Object(std::initializer_list<std::pair<const char*, Json::Value>> members) {
-  Json::Value object(Json::objectValue);
-  for (const auto& [name, value] : members) object[name] = value;
-  return object;
-}
-
-Json::Value DaemonConf() {
-  return Object({{"server_id", ""},
-                 {"server_alias", Object({{"name", ""}})},
-                 {"server_control", Object({{"host", kRegisterHost}, {"region", "global"}})},
-                 {"server_kova", Object({{"account", ""}})}});
-}
-
-Json::Value Services() {
-  Json::Value services(Json::arrayValue);
-  services.append(Object({{"id", "web"}, {"enabled", true}}));
-  services.append(Object({{"id", "files"}, {"enabled", true}}));
-  services.append(Object({{"id", "ssh"}, {"enabled", false}}));
-  return services;
-}
-
-Json::Value ServiceStates() {
-  return Object({{"vexarelayd", Object({{"enabled", false}, {"running", false}, {"start_ms", 700}})},
-                 {"support-remote-access", Object({{"enabled", true}, {"running", true}})}});
-}
+/// The JSON files. The identity that the device registers with is added to "auth.conf".
+constexpr char kDocuments[] = R"({
+  "usr/vexa/etc/vexarelayd/vexarelayd.conf": {
+    "server_id": "",
+    "server_alias": {"name": ""},
+    "server_control": {"host": "register.vexa.example", "region": "global"},
+    "server_kova": {"account": ""}
+  },
+  "usr/vexa/etc/vexarelayd/services.conf": [
+    {"id": "web", "enabled": true},
+    {"id": "files", "enabled": true},
+    {"id": "ssh", "enabled": false}
+  ],
+  "usr/vexa/etc/vexarelayd/upnp.conf": {"enabled": true, "lease_seconds": 3600},
+  "usr/vexa/etc/vexarelayd/auth.conf": {},
+  "usr/vexa/etc/kova/account.json": {
+    "name": "owner@vexa.example",
+    "id": "kova-1001",
+    "auth_key": "desk-auth-key-of-owner",
+    "email": "owner@vexa.example"
+  },
+  "desk/services.json": {
+    "vexarelayd": {"enabled": false, "running": false, "start_ms": 700},
+    "support-remote-access": {"enabled": true, "running": true}
+  }
+})";
 
 }  // namespace
 
@@ -61,25 +61,24 @@ std::string RandomHex(unsigned bytes) {
 }
 
 void FillNewDevice(const fs::path& root) {
-  const auto store = [&root](const char* path, const std::string& text) {
+  fs::create_directories(root / "desk");
+  const auto store = [&root](const std::string& path, const std::string& text) {
     const fs::path file = root / path;
     fs::create_directories(file.parent_path());
-    if (!StoreText(file, text)) throw std::runtime_error("cannot write '" + file.string() + "'");
-  };
-  const auto store_json = [&](const char* path, const Json::Value& document) {
-    store(path, document.toStyledString());
+    if (!fs::exists(file) && !StoreText(file, text)) throw std::runtime_error("cannot write '" + file.string() + "'");
   };
   store("etc/vexainfo.conf", kSettings);
-  store_json("usr/vexa/etc/vexarelayd/vexarelayd.conf", DaemonConf());
-  store_json("usr/vexa/etc/vexarelayd/services.conf", Services());
-  store_json("usr/vexa/etc/vexarelayd/upnp.conf", Object({{"enabled", true}, {"lease_seconds", 3600}}));
-  store_json("usr/vexa/etc/vexarelayd/auth.conf",
-             Object({{"device", "desk-" + RandomHex(4)}, {"api_key", RandomHex(16)}}));
-  store_json("usr/vexa/etc/kova/account.json",
-             Object({{"name", kOwner.name}, {"id", kOwner.id}, {"auth_key", kOwner.auth_key}, {"email", kOwner.name}}));
   store("usr/vexa/bin/vexakova", kAccountTool);
   fs::permissions(root / "usr/vexa/bin/vexakova", fs::perms(0755));
-  store_json("desk/services.json", ServiceStates());
+  Json::Value documents;
+  std::string problem;
+  if (!ParseJson(kDocuments, documents, problem)) throw std::logic_error("the new device is no JSON: " + problem);
+  Json::Value& identity = documents["usr/vexa/etc/vexarelayd/auth.conf"];
+  identity["device"] = "desk-" + RandomHex(4);
+  identity["api_key"] = RandomHex(16);
+  // The service states come last: with them the device is complete.
+  const std::vector<std::string> paths = documents.getMemberNames();
+  for (auto path = paths.rbegin(); path != paths.rend(); ++path) store(*path, documents[*path].toStyledString());
 }
 
 }  // namespace desk

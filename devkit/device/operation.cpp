@@ -31,13 +31,14 @@ Operation::~Operation() {
     line_["thrown"] = true;
   }
   Trace& trace = Device::Get().trace;
-  trace.HideMembers(line_);
+  // What the framework hands over is the caller's, whose right is not known yet.
+  if (current_call != 0 && name_.rfind("API", 0) != 0) trace.Learn(current_call, line_);
   trace.Record(line_);
 }
 
-bool Operation::IsConstructor() const {
-  const size_t colons = name_.find("::");
-  return colons != std::string::npos && name_.substr(0, colons) == name_.substr(colons + 2);
+bool IsConstructor(const std::string& operation) {
+  const size_t colons = operation.find("::");
+  return colons != std::string::npos && operation.substr(0, colons) == operation.substr(colons + 2);
 }
 
 void Operation::ReplaceOutputs() {

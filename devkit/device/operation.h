@@ -26,6 +26,9 @@ class Unrecorded {
   Unrecorded& operator=(const Unrecorded&) = delete;
 };
 
+/// Whether `operation` makes an object, as in "Request::Request".
+bool IsConstructor(const std::string& operation);
+
 /// One call of a platform operation: looks up its fault, does the work, and leaves a line in the trace.
 class Operation {
  public:
@@ -48,17 +51,18 @@ class Operation {
     return *this;
   }
 
-  /// Does `work` unless the fault takes its place, and gives the operation's result.
+  /// Does `work` unless the fault takes its place, and gives the operation's result. An operation fails by a file
+  /// that cannot be read.
   template <typename Work>
   auto Run(Work work) {
     using Result = decltype(work());
     const bool fails = fault_ == Json::Value(kFail);
-    if (fault_ == Json::Value(kThrow) || (fails && IsConstructor())) {
+    if (fault_ == Json::Value(kThrow) || (fails && IsConstructor(name_))) {
       throw std::runtime_error("fault injected into " + name_);
     }
     if (fails) return Keep(Failure<Result>());
     if (fault_ && !fault_->isObject()) return Keep(As<Result>(*fault_));
-    Result result = work();
+    Result result = Try(work);
     if (fault_) {
       ReplaceOutputs();
       if (fault_->isMember("result")) result = As<Result>((*fault_)["result"]);
@@ -110,7 +114,16 @@ class Operation {
     return result;
   }
 
-  bool IsConstructor() const;
+  template <typename Work>
+  auto Try(Work work) -> decltype(work()) {
+    try {
+      return work();
+    } catch (const FileError& problem) {
+      line_["problem"] = problem.what();
+      return Failure<decltype(work())>();
+    }
+  }
+
   void ReplaceOutputs();
 
   std::string name_;
@@ -121,6 +134,15 @@ class Operation {
   std::vector<Slot> outputs_;
   bool hidden_ = false;
 };
+
+/// A constructor, which does its `work` as an operation.
+template <typename Work>
+void Construct(const char* name, const Json::Value& args, Work work) {
+  Operation(name, args).Run([&] {
+    work();
+    return true;
+  });
+}
 
 /// Makes a trace's list of arguments.
 template <typename... Values>

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -12,13 +13,70 @@ namespace {
 
 constexpr char kHidden[] = "(hidden)";
 constexpr std::array<std::string_view, 4> kSecretMembers = {"api_key", "auth_key", "kova_password", "token"};
-/// Older ones are forgotten, so that a server's memory does not grow with its calls.
-constexpr size_t kMostSecrets = 100;
+/// A call that brings more secrets gets all its texts hidden: searching for them would take too long.
+constexpr size_t kMostSecrets = 32;
 /// A shorter text is no secret worth the name, and hiding it everywhere would make the trace unreadable.
 constexpr size_t kLeastSecretBytes = 6;
 
 /// What this thread's call has recorded so far.
 thread_local std::string call_lines;
+
+using Secrets = std::set<std::string>;
+using Views = std::vector<std::string_view>;
+
+/// A secret can also stand in a text as the JSON writers spell it.
+void Collect(const Json::Value& value, Secrets& secrets) {
+  if (!value.isObject() && !value.isArray()) return;
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    Collect(*item, secrets);
+    if (!value.isObject() || !item->isString() || !Trace::IsSecret(item.name())) continue;
+    const std::string text = item->asString();
+    if (text.size() < kLeastSecretBytes) continue;
+    const std::string quoted = ToLine(text);
+    secrets.insert({text, quoted.substr(1, quoted.size() - 2)});
+    if (secrets.size() > kMostSecrets) secrets = {""};
+  }
+}
+
+/// Takes time linear in the text for each secret. What several secrets cover together is hidden as one.
+std::string Clean(const std::string& text, const Views& secrets) {
+  std::string hidden;
+  for (const std::string_view secret : secrets) {
+    if (secret.empty()) return kHidden;
+    const char* end = text.data() + text.size();
+    for (const char* at = text.data();; at += secret.size()) {
+      at = static_cast<const char*>(memmem(at, static_cast<size_t>(end - at), secret.data(), secret.size()));
+      if (at == nullptr) break;
+      hidden.resize(text.size());
+      hidden.replace(static_cast<size_t>(at - text.data()), secret.size(), secret.size(), '*');
+    }
+  }
+  if (hidden.empty()) return text;
+  std::string clean;
+  for (size_t at = 0; at < text.size(); ++at) {
+    if (hidden[at] == '\0') {
+      clean += text[at];
+    } else if (at == 0 || hidden[at - 1] == '\0') {
+      clean += kHidden;
+    }
+  }
+  return clean;
+}
+
+Json::Value Clean(const Json::Value& value, const Views& secrets) {
+  if (value.isString()) return Clean(value.asString(), secrets);
+  if (!value.isObject() && !value.isArray()) return value;
+  Json::Value clean(value.type());
+  for (auto item = value.begin(); item != value.end(); ++item) {
+    if (value.isArray()) {
+      clean.append(Clean(*item, secrets));
+    } else {
+      const bool secret = Trace::IsSecret(item.name());
+      clean[Clean(item.name(), secrets)] = secret ? Json::Value(kHidden) : Clean(*item, secrets);
+    }
+  }
+  return clean;
+}
 
 }  // namespace
 
@@ -36,8 +94,12 @@ std::string ToLine(const Json::Value& value) {
 
 void Trace::Record(Json::Value line) {
   const std::lock_guard lock(mutex_);
+  Views secrets;
+  for (const auto& [owner, texts] : own_) secrets.insert(secrets.end(), texts.begin(), texts.end());
+  const auto call = of_calls_.find(line["call"].asUInt());
+  if (call != of_calls_.end()) secrets.insert(secrets.end(), call->second.begin(), call->second.end());
   for (const char* member : {"args", "out", "result"}) {
-    if (line.isMember(member)) line[member] = Clean(line[member]);
+    if (line.isMember(member)) line[member] = Clean(line[member], secrets);
   }
   if (call_log != nullptr && line["op"] == "syslog") call_log->push_back(line["args"][1].asString());
   if (sink_) {
@@ -53,25 +115,21 @@ void Trace::EndCall(const std::vector<std::string>& log) {
   call_lines.clear();
 }
 
-/// A secret can also stand in a text as the JSON writers spell it.
-void Trace::Hide(const std::string& text) {
-  if (text.size() < kLeastSecretBytes || std::find(secrets_.begin(), secrets_.end(), text) != secrets_.end()) return;
-  const std::string quoted = ToLine(text);
-  const std::string spelled = quoted.substr(1, quoted.size() - 2);
-  secrets_.push_back(text);
-  if (spelled != text) secrets_.push_back(spelled);
-  while (secrets_.size() > kMostSecrets) secrets_.pop_front();
+void Trace::Own(const std::string& owner, const Json::Value& value) {
+  Secrets secrets;
+  Collect(value, secrets);
+  const std::lock_guard lock(mutex_);
+  own_[owner] = std::move(secrets);
 }
 
-void Trace::HideMembers(const Json::Value& value) {
-  if (!value.isObject() && !value.isArray()) return;
-  for (auto item = value.begin(); item != value.end(); ++item) {
-    if (value.isObject() && IsSecret(item.name()) && item->isString()) {
-      const std::lock_guard lock(mutex_);
-      Hide(item->asString());
-    }
-    HideMembers(*item);
-  }
+void Trace::Learn(unsigned call, const Json::Value& value) {
+  const std::lock_guard lock(mutex_);
+  Collect(value, of_calls_[call]);
+}
+
+void Trace::Forget(unsigned call) {
+  const std::lock_guard lock(mutex_);
+  of_calls_.erase(call);
 }
 
 std::vector<Json::Value> Trace::Lines() const {
@@ -82,46 +140,11 @@ std::vector<Json::Value> Trace::Lines() const {
 void Trace::Clear() {
   const std::lock_guard lock(mutex_);
   lines_.clear();
-  secrets_.clear();
 }
 
 void Trace::SetSink(Sink sink) {
   const std::lock_guard lock(mutex_);
   sink_ = std::move(sink);
-}
-
-Json::Value Trace::Clean(const Json::Value& value) const {
-  if (value.isString()) return Clean(value.asString());
-  if (!value.isObject() && !value.isArray()) return value;
-  Json::Value clean(value.type());
-  for (auto item = value.begin(); item != value.end(); ++item) {
-    if (value.isArray()) {
-      clean.append(Clean(*item));
-    } else {
-      clean[item.name()] = IsSecret(item.name()) ? Json::Value(kHidden) : Clean(*item);
-    }
-  }
-  return clean;
-}
-
-/// One pass from left to right: what was put in for a secret is not searched for another.
-std::string Trace::Clean(const std::string& text) const {
-  std::string clean;
-  size_t done = 0;
-  while (done < text.size()) {
-    size_t next = text.size();
-    size_t size = 0;
-    for (const std::string& secret : secrets_) {
-      const size_t at = text.find(secret, done);
-      if (at > next || at == std::string::npos) continue;
-      size = at < next ? secret.size() : std::max(size, secret.size());
-      next = at;
-    }
-    clean.append(text, done, next - done);
-    if (size > 0) clean += kHidden;
-    done = next + size;
-  }
-  return clean;
 }
 
 }  // namespace desk

@@ -2,9 +2,10 @@
 
 #include <json/value.h>
 
-#include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,12 @@ class Trace {
   /// True for the name of a parameter or member that holds a secret.
   static bool IsSecret(const std::string& name);
 
-  /// Hides the texts of all members of `value` that hold secrets in all lines from now on, wherever they
-  /// stand. Shorter ones than six bytes are hidden only under their names.
-  void HideMembers(const Json::Value& value);
+  /// Hides what the members of `value` hold that are named as secrets, wherever it stands: until `owner`, a part of
+  /// the device, has others, or in the lines of a call until it is forgotten. Secrets shorter than six bytes are
+  /// hidden only under their names.
+  void Own(const std::string& owner, const Json::Value& value);
+  void Learn(unsigned call, const Json::Value& value);
+  void Forget(unsigned call);
 
   std::vector<Json::Value> Lines() const;
   void Clear();
@@ -37,13 +41,10 @@ class Trace {
   void SetSink(Sink sink);
 
  private:
-  void Hide(const std::string& text);
-  Json::Value Clean(const Json::Value& value) const;
-  std::string Clean(const std::string& text) const;
-
   mutable std::mutex mutex_;
   std::vector<Json::Value> lines_;
-  std::deque<std::string> secrets_;
+  std::map<std::string, std::set<std::string>> own_;
+  std::map<unsigned, std::set<std::string>> of_calls_;
   Sink sink_;
 };
 

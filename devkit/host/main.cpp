@@ -4,8 +4,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
-#include <fstream>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -60,30 +61,39 @@ class UsageError : public std::runtime_error {
 class TraceWriter {
  public:
   TraceWriter(desk::Device& device, const std::string& file) : device_(device) {
-    if (file == "-") out_ = &std::cerr;
+    if (file == "-") file_ = STDERR_FILENO;
     if (!file.empty() && file != "-") {
-      file_.open(file, std::ios::app);
-      if (!file_) throw UsageError("cannot write the trace to '" + file + "'");
-      out_ = &file_;
+      file_ = open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+      if (file_ < 0) throw UsageError("cannot write the trace to '" + file + "': " + std::strerror(errno));
     }
     device_.trace.SetSink([this](const auto& lines, const auto& log) { Write(lines, log); });
   }
-  ~TraceWriter() { device_.trace.SetSink(nullptr); }
+  ~TraceWriter() {
+    device_.trace.SetSink(nullptr);
+    if (file_ > STDERR_FILENO) close(file_);
+  }
   TraceWriter(const TraceWriter&) = delete;
   TraceWriter& operator=(const TraceWriter&) = delete;
 
  private:
   void Write(const std::string& lines, const std::vector<std::string>& log) {
-    if (out_ != nullptr && !(*out_ << lines << std::flush)) {
-      std::cerr << "webapi-host: the trace cannot be written any more\n";
-      out_ = nullptr;
-    }
+    if (file_ >= 0) Append(lines);
     for (const std::string& line : log) std::cerr << "log: " << line << std::endl;
   }
 
+  /// Writes a line whole or not at all. A full disk costs the lines only that it has no room for.
+  void Append(const std::string& line) {
+    const ssize_t size = write(file_, line.data(), line.size());
+    const bool failed = size != static_cast<ssize_t>(line.size());
+    const bool torn = failed && size > 0 && file_ != STDERR_FILENO;
+    [[maybe_unused]] const int cut = torn ? ftruncate(file_, lseek(file_, 0, SEEK_CUR) - size) : 0;
+    if (failed && !failed_) std::cerr << "webapi-host: lines of the trace cannot be written and are left out\n";
+    failed_ = failed;
+  }
+
   desk::Device& device_;
-  std::ofstream file_;
-  std::ostream* out_ = nullptr;
+  int file_ = -1;
+  bool failed_ = false;
 };
 
 /// The device, its control server unless another is named, and its trace.
@@ -180,21 +190,15 @@ int Call(const Options& options) {
 }
 
 void Store(const fs::path& file, const std::string& text) {
+  const desk::FolderLock lock(desk::Device::Get().Root());
   if (!desk::StoreText(file, text + "\n")) throw UsageError("cannot write '" + file.string() + "'");
 }
 
-/// Only the file's owner may read a token, at any time.
-void StoreToken(const fs::path& file, const std::string& token) {
-  const mode_t former = umask(0077);
-  Store(file, token);
-  umask(former);
-}
-
-/// Holds the folder until the program ends: two servers would take each other's token and port.
-void Claim(const fs::path& folder) {
-  const int file = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (flock(file, LOCK_EX | LOCK_NB) == 0) return;
-  throw UsageError("the device in '" + folder.string() + "' is being served already; end that, or take another --root");
+/// Holds the device until the program ends: two servers would take each other's token and port.
+void Claim(const fs::path& root) {
+  const int file = open((root / "desk/serving").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (file >= 0 && flock(file, LOCK_EX | LOCK_NB) == 0) return;
+  throw UsageError("the device in '" + root.string() + "' is being served already; end that, or take another --root");
 }
 
 int Serve(Options options) {
@@ -206,7 +210,10 @@ int Serve(Options options) {
   const std::string token = desk::RandomHex(16);
   desk::RpcServer server(*module, token, options.origins);
   const int port = server.Start(options.port);
-  StoreToken(desk.device.Root() / "desk/admin-token", token);
+  Json::Value secret;
+  secret["token"] = token;
+  desk.device.trace.Own("admin token", secret);
+  Store(desk.device.Root() / "desk/admin-token", token);
   if (desk.control_server) {
     Store(desk.device.Root() / "desk/control-server/port", std::to_string(desk.device.control_port));
   }
@@ -353,6 +360,12 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The number of a closed standard stream would go to the next file, and what is meant for people into it.
+  int file = 0;
+  do file = open("/dev/null", O_RDWR);
+  while (file >= 0 && file <= STDERR_FILENO);
+  close(file);
+  std::signal(SIGXFSZ, SIG_IGN);  // writing beyond a limit fails like writing to a full disk
   try {
     const int result = Run(argc, argv);
     if (!std::cout.flush()) throw std::runtime_error("standard output cannot be written");

@@ -6,43 +6,33 @@
 #include "devkit/relay/files.h"
 
 namespace desk {
-namespace {
-
-/// The file is there, but holds no JSON object. The stand-in does not replace such a file.
-bool IsBroken(const std::string& device_path) {
-  const std::filesystem::path file = Device::Get().Locate(device_path);
-  std::error_code error;
-  return std::filesystem::exists(file, error) && !LoadJson(file).isObject();
-}
-
-}  // namespace
 
 Json::Value LoadConf(const std::string& device_path) {
-  const Json::Value conf = LoadJson(Device::Get().Locate(device_path));
-  return conf.isObject() ? conf : Json::Value(Json::objectValue);
+  try {
+    const auto conf = Device::Get().Load(device_path);
+    if (conf && conf->isObject()) return *conf;
+  } catch (const FileError&) {
+    // Read as an empty one, but never written as one: who changes a file reads it again.
+  }
+  return Json::objectValue;
+}
+
+bool StoreMembers(const std::string& device_path, const std::string& section, const Json::Value& members) {
+  Device& device = Device::Get();
+  const FolderLock lock(device.Root());
+  Json::Value conf = device.Load(device_path).value_or(Json::objectValue);
+  if (!conf.isObject()) return false;
+  Json::Value& parent = section.empty() ? conf : conf[section];
+  if (!parent.isObject()) parent = Json::Value(Json::objectValue);
+  for (const std::string& member : members.getMemberNames()) parent[member] = members[member];
+  return StoreJson(device.Locate(device_path), conf);
 }
 
 bool StoreMember(const std::string& device_path, const std::string& section, const std::string& member,
                  const Json::Value& value) {
-  Device& device = Device::Get();
-  const std::lock_guard lock(device.files);
-  if (IsBroken(device_path)) return false;
-  Json::Value conf = LoadConf(device_path);
-  Json::Value& parent = section.empty() ? conf : conf[section];
-  if (!parent.isObject()) parent = Json::Value(Json::objectValue);
-  parent[member] = value;
-  return StoreJson(device.Locate(device_path), conf);
-}
-
-bool StoreConf(const std::string& device_path, const Json::Value& conf) {
-  Device& device = Device::Get();
-  const std::lock_guard lock(device.files);
-  return !IsBroken(device_path) && StoreJson(device.Locate(device_path), conf);
-}
-
-std::string Text(const Json::Value& object, const std::string& member) {
-  if (!object.isObject() || !object.isMember(member) || !object[member].isString()) return "";
-  return object[member].asString();
+  Json::Value members;
+  members[member] = value;
+  return StoreMembers(device_path, section, members);
 }
 
 std::string ServerUrl(const std::string& host) { return host.empty() ? "" : "http://" + host + "/relay"; }
@@ -53,8 +43,10 @@ namespace VEXA {
 namespace Relay {
 
 using desk::Args;
+using desk::Construct;
 using desk::Operation;
 using desk::StoreMember;
+using desk::StoreMembers;
 using desk::Text;
 
 namespace {
@@ -71,16 +63,13 @@ bool TakeText(const Json::Value& section, const char* member, std::string& text)
   return true;
 }
 
-/// A constructor leaves a line in the trace, and can be told to throw.
-void RecordConstruction(const char* name, const Json::Value& args = Json::arrayValue) {
-  Operation(name, args).Run([] { return true; });
-}
-
 Json::Value OrNull(const char* text) { return text == nullptr ? Json::Value() : Json::Value(text); }
 
 }  // namespace
 
-AliasConf::AliasConf() { RecordConstruction("AliasConf::AliasConf"); }
+AliasConf::AliasConf() {
+  Construct("AliasConf::AliasConf", Args(), [] {});
+}
 
 bool AliasConf::Overwrite(const Json::Value& section) {
   return Operation("AliasConf::Overwrite", Args(section)).Run([&] { return TakeText(section, "name", name_); });
@@ -103,9 +92,10 @@ bool AliasConf::SetAliasName(const std::string& name) {
 }
 
 ServerConf::ServerConf(const char* host_text, const char* region) {
-  RecordConstruction("ServerConf::ServerConf", Args(OrNull(host_text), OrNull(region)));
-  if (host_text != nullptr) host = host_text;
-  if (region != nullptr) region_ = region;
+  Construct("ServerConf::ServerConf", Args(OrNull(host_text), OrNull(region)), [&] {
+    if (host_text != nullptr) host = host_text;
+    if (region != nullptr) region_ = region;
+  });
 }
 
 bool ServerConf::Overwrite(const Json::Value& section) {
@@ -128,8 +118,9 @@ std::string ServerConf::GetUrl(const char* path) const {
   });
 }
 
-KovaConf::KovaConf() : account_(Text(desk::LoadConf(desk::kDaemonConfPath)["server_kova"], "account")) {
-  RecordConstruction("KovaConf::KovaConf");
+KovaConf::KovaConf() {
+  Construct("KovaConf::KovaConf", Args(),
+            [&] { account_ = Text(desk::LoadConf(desk::kDaemonConfPath)["server_kova"], "account"); });
 }
 
 bool KovaConf::Overwrite(const Json::Value& section) {
@@ -178,8 +169,8 @@ bool AuthConf::GenerateApiKey() {
   });
 }
 
-UpnpConf::UpnpConf(const char* path) : path_(path), settings_(desk::LoadConf(path)) {
-  RecordConstruction("UpnpConf::UpnpConf", Args(path));
+UpnpConf::UpnpConf(const char* path) : path_(path) {
+  Construct("UpnpConf::UpnpConf", Args(path), [&] { settings_ = desk::LoadConf(path); });
 }
 
 bool UpnpConf::Overwrite(const Json::Value& settings) {
@@ -192,7 +183,7 @@ bool UpnpConf::Overwrite(const Json::Value& settings) {
 }
 
 bool UpnpConf::WriteConfig() {
-  return Operation("UpnpConf::WriteConfig").Run([&] { return desk::StoreConf(path_, settings_); });
+  return Operation("UpnpConf::WriteConfig").Run([&] { return StoreMembers(path_, "", settings_); });
 }
 
 bool UpnpConf::Write(Json::Value& out, bool complete) const {
@@ -210,17 +201,17 @@ struct RelaydConf::Loading {
 };
 
 RelaydConf::RelaydConf(const char* path) : RelaydConf(path, Loading()) {
-  RecordConstruction("RelaydConf::RelaydConf", Args(path));
+  Construct("RelaydConf::RelaydConf", Args(path), [&] {
+    const Json::Value conf = desk::LoadConf(path);
+    server_id = Text(conf, "server_id");
+    if (conf.isMember("server_register")) register_server.host = Text(conf["server_register"], "host");
+    control_server.host = Text(conf["server_control"], "host");
+  });
+  if (control_server.host.empty()) control_server.host = register_server.host;
 }
 
 RelaydConf::RelaydConf(const char* path, const Loading&)
-    : register_server(desk::kRegisterHost, nullptr), control_server(nullptr, nullptr), path_(path) {
-  const Json::Value conf = desk::LoadConf(path);
-  server_id = Text(conf, "server_id");
-  register_server.host = conf.isMember("server_register") ? Text(conf["server_register"], "host") : desk::kRegisterHost;
-  control_server.host = Text(conf["server_control"], "host");
-  if (control_server.host.empty()) control_server.host = register_server.host;
-}
+    : register_server(desk::kRegisterHost, nullptr), control_server(nullptr, nullptr), path_(path) {}
 
 bool RelaydConf::WriteServerId(const std::string& path) {
   return Operation("RelaydConf::WriteServerId", Args(path)).Run([&] {
@@ -231,10 +222,10 @@ bool RelaydConf::WriteServerId(const std::string& path) {
 bool RelaydConf::WriteControlServerHost(const std::string& path, const std::string& host) {
   return Operation("RelaydConf::WriteControlServerHost", Args(path, host)).Run([&] {
     const desk::Unrecorded unrecorded;
-    const std::string& file = path.empty() ? path_ : path;
-    const std::string region = control_server.GetRegion();
-    if (!StoreMember(file, "server_control", "host", host)) return false;
-    return region.empty() || StoreMember(file, "server_control", "region", region);
+    Json::Value server;
+    server["host"] = host;
+    if (const std::string region = control_server.GetRegion(); !region.empty()) server["region"] = region;
+    return StoreMembers(path.empty() ? path_ : path, "server_control", server);
   });
 }
 

@@ -57,8 +57,8 @@ bool Daemon::UpdateAlias() {
   return Operation("Daemon::UpdateAlias").Run([] { return desk::FindService(kDaemonService).running; });
 }
 
-AliasStatus::AliasStatus() : known_(desk::LoadConf(desk::kAliasStatusPath)) {
-  Operation("AliasStatus::AliasStatus").Run([] { return true; });
+AliasStatus::AliasStatus() {
+  desk::Construct("AliasStatus::AliasStatus", Args(), [&] { known_ = desk::LoadConf(desk::kAliasStatusPath); });
 }
 
 bool AliasStatus::GetStatus(const std::string& alias, std::string& status, std::string& detail) const {

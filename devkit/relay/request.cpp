@@ -90,59 +90,28 @@ std::string ControlHost() {
   return RelaydConf(desk::kDaemonConfPath).control_server.host;
 }
 
-struct TextRow {
-  int result;
-  const char* text;
+/// The texts of the results, which count from 0.
+constexpr const char* kAliasTexts[] = {
+    "not_requested",  "registered",     "request_failed",        "alias_taken",  "unknown_account",
+    "bad_alias",      "host_not_found", "network_failed",        "server_error", "bad_credentials",
+    "unknown_device", "bad_answer",     "alias_on_other_device", nullptr,        "api_key_expired",
 };
-
-constexpr TextRow kAliasTexts[] = {
-    {ALIAS_NONE, "not_requested"},
-    {ALIAS_OK, "registered"},
-    {ALIAS_FAILED, "request_failed"},
-    {ALIAS_TAKEN, "alias_taken"},
-    {ALIAS_UNKNOWN_ACCOUNT, "unknown_account"},
-    {ALIAS_BAD_NAME, "bad_alias"},
-    {ALIAS_RESOLVE_FAILED, "host_not_found"},
-    {ALIAS_NETWORK_FAILED, "network_failed"},
-    {ALIAS_SERVER_ERROR, "server_error"},
-    {ALIAS_BAD_CREDENTIALS, "bad_credentials"},
-    {ALIAS_UNKNOWN_DEVICE, "unknown_device"},
-    {ALIAS_BAD_ANSWER, "bad_answer"},
-    {ALIAS_NEEDS_FORCE, "alias_on_other_device"},
-    {ALIAS_KEY_EXPIRED, "api_key_expired"},
-};
-
-constexpr TextRow kRelayTexts[] = {
-    {RELAYD_OK, "success"},
-    {RELAYD_FAILED, "failed"},
-    {RELAYD_BAD_CONFIG, "bad configuration"},
-    {RELAYD_BAD_COMMAND, "bad command"},
-    {RELAYD_OUT_OF_RESOURCES, "out of resources"},
-    {RELAYD_SERVER_ERROR, "server error"},
-    {RELAYD_RESOLVE_FAILED, "host not found"},
-    {RELAYD_NETWORK_FAILED, "network failed"},
-    {RELAYD_SERVER_BUSY, "server busy"},
-    {RELAYD_REQUEST_REFUSED, "request refused"},
-    {RELAYD_UNKNOWN_DEVICE, "unknown device"},
-    {RELAYD_BAD_ANSWER, "bad answer"},
-    {RELAYD_UNKNOWN_ACCOUNT, "unknown account"},
-    {RELAYD_BAD_PASSWORD, "bad password"},
-    {RELAYD_BAD_AUTH_KEY, "bad auth key"},
-    {RELAYD_KEY_EXPIRED, "api key expired"},
+constexpr const char* kRelayTexts[] = {
+    "success",         "failed",         "bad configuration", "bad command",     "out of resources", "server error",
+    "host not found",  "network failed", "server busy",       "request refused", "unknown device",   "bad answer",
+    "unknown account", "bad password",   "bad auth key",      "api key expired",
 };
 
 template <size_t Size>
-std::string TextOf(const TextRow (&rows)[Size], int result) {
-  for (const TextRow& row : rows) {
-    if (row.result == result) return row.text;
-  }
-  return "unknown result";
+std::string TextOf(const char* const (&texts)[Size], int result) {
+  const bool known = result >= 0 && static_cast<size_t>(result) < Size && texts[result] != nullptr;
+  return known ? texts[result] : "unknown result";
 }
 
 }  // namespace
 
 Request::Request(const std::string& url, const Json::Value& body, bool use_defaults) : url_(url), body_(body) {
-  Operation("Request::Request", Args(url, body, use_defaults)).Run([] { return true; });
+  desk::Construct("Request::Request", Args(url, body, use_defaults), [] {});
 }
 
 bool Request::Set(const std::string& url, const Json::Value& body, bool use_defaults) {
@@ -183,8 +152,10 @@ int Request::GetCurlResult() const {
 }
 
 AliasRequest::AliasRequest() {
-  Operation("AliasRequest::AliasRequest").Run([] { return true; });
+  desk::Construct("AliasRequest::AliasRequest", Args(), [] {});
 }
+
+AliasRequest::~AliasRequest() = default;
 
 bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body) {
   return Operation("AliasRequest::SetRequest", Args(static_cast<int>(command), body)).Run([&] {
@@ -198,6 +169,8 @@ bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body
 bool AliasRequest::Send(ALIAS_RET& result) {
   Operation operation("AliasRequest::Send");
   return operation.Output("alias_result", result).Run([&] {
+    result = ALIAS_FAILED;
+    if (!turn_) turn_ = std::make_shared<desk::FolderLock>(desk::Device::Get().Root() / "desk");
     const Transfer transfer = desk::Post(desk::ServerUrl(ControlHost()), desk::ToLine(body_));
     const RELAYD_RET error = TransferError(transfer);
     Json::Value answer;

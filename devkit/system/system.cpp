@@ -4,13 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include "devkit/device/operation.h"
@@ -23,8 +20,9 @@ using desk::Operation;
 namespace {
 
 constexpr char kSettingsPath[] = "/etc/vexainfo.conf";
-constexpr auto kProgramLimit = std::chrono::seconds(5);
-constexpr auto kProgramPoll = std::chrono::milliseconds(2);
+constexpr char kProgramLimit[] = "5s";
+/// Exit codes from here on are those of `timeout` itself.
+constexpr int kTimeoutsOwn = 124;
 
 /// Whether `line` sets `key`; `value` is then what stands between the quotes, or all of it without quotes.
 bool SplitSetting(const std::string& line, const std::string& key, std::string& value) {
@@ -35,11 +33,9 @@ bool SplitSetting(const std::string& line, const std::string& key, std::string& 
 }
 
 int ReadSetting(const char* path, const std::string& key, std::string& value) {
-  std::error_code error;
-  const std::filesystem::path file = Device::Get().Locate(path);
-  if (!std::filesystem::is_regular_file(file, error)) return -1;
-  std::ifstream lines(file);
-  if (!lines) return -1;
+  const auto text = desk::LoadText(Device::Get().Locate(path));
+  if (!text) return -1;
+  std::istringstream lines(*text);
   for (std::string line; std::getline(lines, line);) {
     if (SplitSetting(line, key, value)) return 1;
   }
@@ -48,27 +44,27 @@ int ReadSetting(const char* path, const std::string& key, std::string& value) {
 
 /// Sets the key where it stands, or at the end, and keeps every other line.
 int WriteSetting(const std::string& key, const std::string& value) {
-  Device& device = Device::Get();
-  const std::lock_guard lock(device.files);
-  std::ifstream lines(device.Locate(kSettingsPath));
-  std::ostringstream text;
+  const std::filesystem::path file = Device::Get().Locate(kSettingsPath);
+  const desk::FolderLock lock(Device::Get().Root());
+  std::istringstream lines(desk::LoadText(file).value_or(""));
+  const std::string setting = key + "=\"" + value + "\"\n";
+  std::string text;
   bool written = false;
   std::string former;
   for (std::string line; std::getline(lines, line);) {
     const bool replace = SplitSetting(line, key, former);
-    if (!replace) text << line << '\n';
-    if (replace && !written) text << key << "=\"" << value << "\"\n";
+    if (!replace) text += line + '\n';
+    if (replace && !written) text += setting;
     written = written || replace;
   }
-  if (!written) text << key << "=\"" << value << "\"\n";
-  // Streams keep quiet about memory that they could not get.
-  if (lines.bad() || !text) return -1;
-  return desk::StoreText(device.Locate(kSettingsPath), text.str()) ? 0 : -1;
+  if (!written) text += setting;
+  // A stream keeps quiet about memory that it could not get.
+  return !lines.bad() && desk::StoreText(file, text) ? 0 : -1;
 }
 
 Json::Value LoadStates() {
-  Json::Value states = desk::LoadJson(Device::Get().Root() / "desk/services.json");
-  return states.isObject() ? states : Json::Value(Json::objectValue);
+  const auto states = desk::LoadJson(Device::Get().Root() / "desk/services.json");
+  return states && states->isObject() ? *states : Json::Value(Json::objectValue);
 }
 
 /// Reads a member that a person may have edited.
@@ -85,7 +81,7 @@ std::int64_t Number(const Json::Value& state, const char* member) {
 /// Starts or stops a service that knows no "start_fails" or "stop_fails". -1 for one that is not listed.
 int SwitchService(const std::string& name, bool on) {
   Device& device = Device::Get();
-  const std::lock_guard lock(device.files);
+  const desk::FolderLock lock(device.Root());
   Json::Value states = LoadStates();
   if (!states.isMember(name) || !states[name].isObject()) return -1;
   Json::Value& state = states[name];
@@ -96,12 +92,17 @@ int SwitchService(const std::string& name, bool on) {
   return desk::StoreJson(device.Root() / "desk/services.json", states) ? 0 : -1;
 }
 
-/// Starts a program in a process group of its own, with no signal blocked and with the host's standard error for its
-/// output.
-bool Spawn(const std::string& program, char* const* argv, pid_t& child) {
+/// Runs a program, the first of `words`, with no signal blocked and with the host's standard error for its output.
+/// Its exit code, or -1 when it could not be run or took too long; `timeout` then kills all that it started.
+int RunProgram(std::vector<std::string> words) {
+  words.insert(words.begin(), {"timeout", "--signal=KILL", kProgramLimit});
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
   sigset_t none;
   sigemptyset(&none);
   posix_spawnattr_setsigmask(&attributes, &none);
@@ -109,29 +110,14 @@ bool Spawn(const std::string& program, char* const* argv, pid_t& child) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
   posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-  const int error = posix_spawn(&child, program.c_str(), &actions, &attributes, argv, environ);
+  pid_t child = 0;
+  const int error = posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
-  return error == 0;
-}
 
-/// Runs a program and waits for its end. Its exit code, or -1 when it could not be run or took too long.
-int RunProgram(const std::string& program, std::vector<std::string> words) {
-  std::vector<char*> argv;
-  argv.reserve(words.size() + 1);
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  pid_t child = 0;
-  if (!Spawn(program, argv.data(), child)) return -1;
-
-  const auto end = std::chrono::steady_clock::now() + kProgramLimit;
   int status = 0;
-  pid_t ended = 0;
-  while ((ended = waitpid(child, &status, WNOHANG)) == 0) {
-    if (std::chrono::steady_clock::now() > end) kill(-child, SIGKILL);
-    std::this_thread::sleep_for(kProgramPoll);
-  }
-  return ended == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (error != 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status) < kTimeoutsOwn ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace
@@ -186,7 +172,7 @@ int VLIBServiceReload(const char* service) {
 
 int VLIBCExecl(const char* program, unsigned int flags, ...) {
   Json::Value args = Args(program, flags);
-  std::vector<std::string> words{program};
+  std::vector<std::string> words{Device::Get().Locate(program)};
   va_list rest;
   va_start(rest, flags);
   for (const char* word = va_arg(rest, const char*); word != nullptr; word = va_arg(rest, const char*)) {
@@ -194,6 +180,6 @@ int VLIBCExecl(const char* program, unsigned int flags, ...) {
     words.emplace_back(word);
   }
   va_end(rest);
-  return Operation("VLIBCExecl", args).Run([&] { return RunProgram(Device::Get().Locate(program).string(), words); });
+  return Operation("VLIBCExecl", args).Run([&] { return RunProgram(words); });
 }
 }

@@ -56,8 +56,9 @@ std::string Outcome::Problem() const {
 }
 
 Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
-  Device::Get().trace.HideMembers(params);
+  Trace& trace = Device::Get().trace;
   current_call = ++calls;
+  if (admin) trace.Learn(current_call, params);
   VEXA::APICall call{params, admin, {}};
   VEXA::APIRequest request(call);
   VEXA::APIResponse response(call);
@@ -72,7 +73,8 @@ Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
   }
   call_log = nullptr;
   outcome.number = std::exchange(current_call, 0);
-  Device::Get().trace.EndCall(outcome.log);
+  trace.EndCall(outcome.log);
+  trace.Forget(outcome.number);
   outcome.answers = std::move(call.answers);
   return outcome;
 }

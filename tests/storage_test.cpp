@@ -1,0 +1,174 @@
+// The stand-in's own files: nothing of them is lost, whatever stands in the way, and no secret leaves them.
+
+#include <platform/relay.h>
+#include <platform/system.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <limits>
+#include <thread>
+
+#include "devkit/relay/transfer.h"
+#include "tests/desk_fixture.h"
+
+namespace desk {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Lowers a limit of this process as long as it lives.
+class Limit {
+ public:
+  Limit(__rlimit_resource resource, rlim_t most) : resource_(resource) {
+    getrlimit(resource_, &former_);
+    const rlimit now{most, former_.rlim_max};
+    setrlimit(resource_, &now);
+  }
+  ~Limit() { setrlimit(resource_, &former_); }
+
+ private:
+  __rlimit_resource resource_;
+  rlimit former_{};
+};
+
+/// The operations that change a file, and what each of them reports.
+struct Storing {
+  const char* file;
+  bool (*store)();
+};
+constexpr Storing kStoring[] = {
+    {kSettings, [] { return VLIBCINFOSetKeyValue("runrelayd", "yes") == 0; }},
+    {"desk/services.json", [] { return VLIBServiceStart("vexarelayd", 0) == 0; }},
+    {kConf, [] { return VEXA::Relay::RelaydConf("/usr/vexa/etc/vexarelayd/vexarelayd.conf").WriteServerId(""); }},
+    {kAuth, [] { return VEXA::Relay::AuthConf().GenerateApiKey(); }},
+    {kUpnp, [] { return VEXA::Relay::UpnpConf("/usr/vexa/etc/vexarelayd/upnp.conf").WriteConfig(); }},
+    {kAliasStatus, [] { return VEXA::Relay::AliasStatus().SetStatus("other", "registered", "", true); }},
+};
+
+using StorageTest = DeskTest;
+
+TEST_F(StorageTest, AFileThatCannotBeReadOrWrittenStaysAsItIs) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  Write(kAliasStatus, R"({"mybox": {"status": "registered"}})");
+  for (const Storing& row : kStoring) {
+    SCOPED_TRACE(row.file);
+    const std::string before = Read(row.file);
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    for (const rlim_t more : {0, 1}) {
+      const Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + more);
+      EXPECT_FALSE(row.store()) << "without descriptors beyond " << more;
+    }
+    {
+      const Limit limit(RLIMIT_FSIZE, 1);
+      EXPECT_FALSE(row.store()) << "with a full disk";
+    }
+    EXPECT_EQ(Read(row.file), before);
+    EXPECT_FALSE(Exists(std::string(row.file) + ".part"));
+
+    fs::remove(Path(row.file));
+    mkfifo(Path(row.file).c_str(), 0600);
+    EXPECT_FALSE(row.store()) << "in place of a pipe";
+    EXPECT_TRUE(fs::is_fifo(Path(row.file)));
+
+    fs::remove(Path(row.file));
+    Write(row.file, before);
+    fs::permissions(Path(row.file), fs::perms(0640));
+    EXPECT_TRUE(row.store()) << "with nothing in the way";
+    EXPECT_EQ(fs::status(Path(row.file)).permissions(), fs::perms(0640));
+  }
+}
+
+TEST_F(StorageTest, ANewFileWithSecretsIsItsOwnersOnly) {
+  StartControlServer();
+  for (const char* file : {kAuth, kAccount, "desk/control-server/state.json"}) {
+    EXPECT_EQ(fs::status(Path(file)).permissions(), fs::perms(0600)) << file;
+  }
+}
+
+TEST_F(StorageTest, WhatAKilledProgramLeftIsRemoved) {
+  const std::string left[] = {std::string(kAuth) + ".part", "desk/services.json.part",
+                              "desk/control-server/state.json.part"};
+  StartControlServer();
+  for (const std::string& file : left) Write(file, "half");
+  fs::remove(Path("desk/services.json"));
+  const fs::path root = device->Root();
+  device.reset();
+  device = std::make_unique<Device>(root);
+  StartControlServer();
+  for (const std::string& file : left) EXPECT_FALSE(Exists(file)) << file;
+  EXPECT_TRUE(Exists("desk/services.json")) << "a device that was made by half";
+}
+
+TEST_F(StorageTest, OnlyWhatIsASecretIsHidden) {
+  StartControlServer();
+  CallMethod("1/get", R"({"token": "tunnelbridge", "x": [{"auth_key": "tunnelbridge"}]})", false);
+  const auto log_of = [this](const std::string& params) {
+    device->faults.Add("AliasRequest::SetRequest=false@1");
+    device->trace.Clear();
+    Call(FindHandler("2/set_server_alias"), ParseJson(params), true);
+    device->faults.Clear();
+    return Logs().empty() ? "" : Logs()[0];
+  };
+  const std::string log = log_of(kAliasV2);
+  EXPECT_EQ(log.rfind("tunnelbridge.v2:68 Alias set error: {", 0), 0u) << "an ordinary user has no secrets: " << log;
+
+  Json::Value params = ParseJson(kAliasV2);
+  for (int number = 0; number < 1000; ++number) params["x"][number]["token"] = "secret-" + std::to_string(number);
+  EXPECT_EQ(log_of(ToLine(params)), "(hidden)") << "too many to search for";
+  EXPECT_EQ(log_of(kAliasV2), log) << "those of a call end with it";
+
+  const std::string key = ReadJson(kAuth)["api_key"].asString();
+  params = ParseJson(kAliasV2);
+  params["server_alias"] = "a" + key + key;
+  device->trace.Own("test", ParseJson(R"({"token": "ab-ab-ab"})"));
+  device->faults.Add("AliasConf::SetAliasName=false");
+  device->trace.Clear();
+  Call(FindHandler("2/set_server_alias"), params, true);
+  EXPECT_EQ(Logs().at(0), "tunnelbridge.v2:57 Alias set error: a(hidden)") << "the device's own are known throughout";
+}
+
+TEST_F(StorageTest, TheControlServerTakesNamesOfBoundedLength) {
+  StartControlServer();
+  const std::string owner = R"("kova_id": "kova-1001", "auth_key": "desk-auth-key-of-owner", "server_id": "100001")";
+  const struct {
+    const char* command;
+    size_t device, key, alias;
+    int error;
+  } rows[] = {{"register", 65, 64, 0, 100},   {"register", 64, 65, 0, 100}, {"register", 64, 64, 0, 0},
+              {"set_alias", 64, 64, 64, 130}, {"set_alias", 64, 64, 63, 0}, {"set_alias", 65, 64, 1, 100}};
+  for (const auto& row : rows) {
+    Json::Value request = ParseJson("{" + owner + "}");
+    request["command"] = row.command;
+    request["server_alias"] = std::string(row.alias, 'a');
+    request["auth"]["device"] = std::string(row.device, 'd');
+    request["auth"]["api_key"] = std::string(row.key, 'k');
+    const Json::Value answer = ParseJson(Post("http://register.vexa.example/relay", ToLine(request)).answer);
+    EXPECT_EQ(answer["error"]["code"].asInt(), row.error) << row.command << row.device << ' ' << row.key;
+  }
+  Json::Value state = ServerState();
+  state["next_server_id"] = std::numeric_limits<int>::max();
+  Write("desk/control-server/state.json", ToLine(state));
+  const std::string last = R"({"command": "register", "auth": {"device": "last", "api_key": "1"}})";
+  EXPECT_EQ(ParseJson(Post("http://register.vexa.example/relay", last).answer)["error"]["code"], 101);
+}
+
+TEST_F(StorageTest, DeviceAndControlServerAgreeOnTheAlias) {
+  StartControlServer();
+  std::vector<std::thread> threads;
+  for (const char* alias : {"first", "second", "third", "fourth"}) {
+    threads.emplace_back([alias] {
+      Json::Value params;
+      params["server_alias"] = alias;
+      for (int call = 0; call < 10; ++call) Call(FindHandler("2/set_server_alias"), params, true);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  const std::vector<std::string> aliases = ServerState()["aliases"].getMemberNames();
+  EXPECT_EQ(aliases, std::vector<std::string>{ReadJson(kConf)["server_alias"]["name"].asString()});
+}
+
+}  // namespace
+}  // namespace desk
