@@ -109,10 +109,10 @@ std::string Post(const std::string& headers, const std::string& body = kStatus) 
 }
 
 TEST_F(HostTest, AFolderIsServedOnce) {
-  const int folder = open(device->Root().c_str(), O_RDONLY | O_DIRECTORY);
-  ASSERT_EQ(flock(folder, LOCK_EX), 0);
+  const int serving = open(Path("desk/serving").c_str(), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+  ASSERT_EQ(flock(serving, LOCK_EX), 0);
   const Finished second = RunHost("serve --port 0 --root '" + device->Root().string() + "' 2>&1");
-  close(folder);
+  close(serving);
   EXPECT_EQ(second.code, 2);
   EXPECT_NE(second.out.find("is being served already"), std::string::npos) << second.out;
   EXPECT_FALSE(Exists("desk/admin-token"));
