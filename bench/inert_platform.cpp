@@ -67,7 +67,6 @@ int Daemon::GetStatus(Json::Value&) { return 0; }
 bool Daemon::UpdateAlias() { return true; }
 
 AliasStatus::AliasStatus() = default;
-AliasStatus::~AliasStatus() = default;
 bool AliasStatus::GetStatus(const std::string&, std::string& status, std::string&) const {
   status = inert::kStatus;
   return true;
