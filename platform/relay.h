@@ -238,7 +238,6 @@ class AliasStatus {
 class AliasRequest {
  public:
   AliasRequest();
-  ~AliasRequest();
 
   /// Prepares the request. False when `body` cannot be sent.
   bool SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body);

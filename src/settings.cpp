@@ -18,7 +18,7 @@ bool ApplySections(Json::Value document, relay::AliasConf& alias, relay::KovaCon
 
 /// Whether the daemon configuration holds what switching on needs.
 int CheckSettings(const SettingsLines& lines, relay::AliasConf& alias, relay::KovaConf* account) {
-  Json::Value document(Json::objectValue);
+  Json::Value document;
   if (!ReadJsonFile(kDaemonConfPath, document)) {
     return lines.unit.Fail(kGeneralError, lines.set_config, "%s:%d load config failed");
   }
@@ -40,7 +40,7 @@ int LoadSettings(const SettingsLines& lines, DaemonState& daemon, relay::AliasCo
     return lines.unit.Fail(kGeneralError, lines.get_daemon, "%s:%d load relayinfo failed");
   }
   relay::Daemon::UpdateAlias();
-  Json::Value document(Json::objectValue);
+  Json::Value document;
   if (!ReadJsonFile(kDaemonConfPath, document)) {
     return lines.unit.Fail(kGeneralError, lines.get_config, "%s:%d load config failed");
   }

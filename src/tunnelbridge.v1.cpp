@@ -35,7 +35,7 @@ constexpr size_t kMinimumPasswordBytes = 6;
 constexpr size_t kMaximumPasswordBytes = 128;
 
 int ReadStatus(relay::AliasConf& alias, const relay::AliasStatus& alias_store, Json::Value& payload) {
-  Json::Value document(Json::objectValue);
+  Json::Value document;
   DaemonState daemon;
   std::string alias_status = "unknown";
   std::string alias_detail;

@@ -40,8 +40,8 @@ constexpr auto kApiKeyExpired = static_cast<relay::RELAYD_RET>(15);
 
 /// Reads the rest of `file`. False when a read fails, as it does at once where `file` is a directory.
 bool ReadAll(std::ifstream& file, std::string& text) {
-  char block[4096];
-  while (file.read(block, sizeof(block)), file.gcount() > 0) text.append(block, static_cast<size_t>(file.gcount()));
+  char block[8192];
+  while (file.good()) text.append(block, static_cast<size_t>(file.read(block, sizeof(block)).gcount()));
   return !file.bad();
 }
 

@@ -155,8 +155,6 @@ AliasRequest::AliasRequest() {
   desk::Construct("AliasRequest::AliasRequest", Args(), [] {});
 }
 
-AliasRequest::~AliasRequest() = default;
-
 bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body) {
   return Operation("AliasRequest::SetRequest", Args(static_cast<int>(command), body)).Run([&] {
     if (command != ALIAS_REQUEST_REGISTER || !body.isObject()) return false;
