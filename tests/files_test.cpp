@@ -41,6 +41,11 @@ TEST_F(FilesTest, AFileThatDoesNotParseIsMovedAside) {
   EXPECT_EQ(Logs(), Names{kNotLoaded}) << "a missing file is not a broken one";
 }
 
+TEST_F(FilesTest, CommentsInAFileAreNotGivenOn) {
+  Write(kServices, "// a comment\n[]");
+  EXPECT_FALSE(CallMethod("Permission/1/get").data["services"].hasComment(Json::commentBefore));
+}
+
 TEST_F(FilesTest, AFileNestedTooDeeplyStaysWhereItIs) {
   Write(kConf, std::string(1500, '['));
   EXPECT_TRUE(TryMethod("1/status", Json::objectValue).thrown);
