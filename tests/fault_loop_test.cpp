@@ -265,29 +265,6 @@ TEST_P(FaultLoopTest, EveryAllocationFails) {
   std::cout << method_ << ": " << runs_ << " runs with a failing allocation\n";
 }
 
-TEST(Json, LackOfMemoryMakesNoDocumentABrokenOne) {
-  const std::string text = R"({"lease_seconds": 12345678901234567890.123456789012345678901234567890})";
-  bool parsed = false;
-  for (const bool onwards : {false, true}) {
-    for (long number = 0; !parsed || number == 0; ++number) {
-      Json::Value value;
-      std::string problem;
-      allocation_failed = false;
-      allocations_fail_on = onwards;
-      allocations_left = number;
-      try {
-        parsed = ParseJson(text, value, problem);
-        allocations_left = -1;
-        EXPECT_TRUE(parsed) << problem;
-        parsed = !allocation_failed;
-      } catch (const std::bad_alloc&) {
-        allocations_left = -1;
-      }
-      ASSERT_LT(number, 1000);
-    }
-  }
-}
-
 using MeaningTest = DeskTest;
 
 /// A meaning of an operation that no request comes to would mean nothing.
