@@ -47,6 +47,13 @@ constexpr Storing kStoring[] = {
     {kAliasStatus, [] { return VEXA::Relay::AliasStatus().SetStatus("other", "registered", "", true); }},
 };
 
+/// The sanitizer looks through a pipe whether an object's memory can be read, and reports it where there is none.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kMayRunOutOfDescriptors = false;
+#else
+constexpr bool kMayRunOutOfDescriptors = true;
+#endif
+
 using StorageTest = DeskTest;
 
 TEST_F(StorageTest, AFileThatCannotBeReadOrWrittenStaysAsItIs) {
@@ -58,6 +65,7 @@ TEST_F(StorageTest, AFileThatCannotBeReadOrWrittenStaysAsItIs) {
     const int next = dup(STDIN_FILENO);
     close(next);
     for (const rlim_t more : {0, 1}) {
+      if (!kMayRunOutOfDescriptors) break;
       const Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + more);
       EXPECT_FALSE(row.store()) << "without descriptors beyond " << more;
     }
