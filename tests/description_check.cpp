@@ -12,6 +12,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "devkit/device/operations.h"
 #include "devkit/device/trace.h"
 #include "devkit/webapi/description.h"
 
@@ -82,6 +83,19 @@ bool IsText(const std::string& text, const std::string& line) {
   return fnmatch(pattern.c_str(), line.c_str(), 0) == 0;
 }
 
+/// Whether the operation can be made to fail, in the types of its result and outputs, unless it cannot fail.
+void CheckOperation(const Json::Value& line) {
+  const std::string name = line["op"].asString();
+  if (name == "syslog" || name == "usleep" || name == "regfree") return;
+  ASSERT_TRUE(Operations().isMember(name)) << name;
+  for (const std::string& output : line["out"].getMemberNames()) {
+    EXPECT_TRUE(Operations()[name].isMember(output)) << name << output;
+  }
+  const std::string type = Operations()[name]["result"].asString();
+  if (type == "error" || type == "nothing" || type == "any" || !line.isMember("result")) return;
+  EXPECT_TRUE(HasType(line["result"], type) || line["result"] == "(hidden)") << ToLine(line);
+}
+
 void CheckLog(const Json::Value& method, const std::string& line, int code) {
   const Json::Value& known = FindLogLine(line);
   const std::string id = known["subject"].asString();
@@ -114,6 +128,7 @@ void CheckCall(const std::string& name, const Outcome& outcome, const std::vecto
     const Json::Value& args = line["args"];
     const bool known = line["op"] != "APIRequest::HasParam" || Find(method["params"], "name", args[0]).isObject();
     EXPECT_TRUE(known) << ToLine(args);
+    CheckOperation(line);
   }
   if (outcome.answers.empty()) return;
   const Answer& answer = outcome.answers[0];

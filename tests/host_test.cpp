@@ -50,12 +50,13 @@ TEST_F(HostTest, EveryMistakeHasItsExitCodeAndAMessage) {
       {"VEXA.Core.TunnelBridge 1 set '{'", 2, "no JSON"},
       {"VEXA.Core.TunnelBridge 1 set '[]'", 2, "no JSON object"},
       {"--fault nonsense VEXA.Core.TunnelBridge 1 status", 2, "'nonsense' is no fault"},
+      {"--fault Nothing=1 VEXA.Core.TunnelBridge 1 status", 2, "there is no operation 'Nothing'"},
       {"--trace /nowhere/trace VEXA.Core.TunnelBridge 1 status", 2, "/nowhere/trace"},
       {"--as root VEXA.Core.TunnelBridge 1 status", 2, "--as"},
       {"--module /nowhere.so VEXA.Core.TunnelBridge 1 status", 3, "/nowhere.so"},
       {"VEXA.Core.TunnelBridge 1 set '{\"enabled\": []}'", 3, "exception"},
       {"VEXA.Core.TunnelBridge 1 status >/dev/full", 2, "standard output"},
-      {"--fault Nothing=1 VEXA.Core.TunnelBridge 1 status", 0, "'Nothing=1' met no call"},
+      {"--fault VLIBCExecl=1 VEXA.Core.TunnelBridge 1 status", 0, "'VLIBCExecl=1' met no call"},
   };
   for (const auto& row : cases) {
     const Finished finished = CallCommand("2>&1 " + std::string(row.words));

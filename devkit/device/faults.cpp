@@ -1,45 +1,18 @@
 #include "devkit/device/faults.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <utility>
 
-#include "devkit/device/device.h"
+#include "devkit/device/operations.h"
 
 namespace desk {
 namespace {
 
-constexpr int kMostErrors = 134;
-constexpr char kAny[] = "*";
+constexpr size_t kMostFaults = 1000;
 constexpr size_t kMostMet = 1000;
-
-bool IsFileFunction(const std::string& name) {
-  constexpr std::array kNames = {"fopen", "read", "write", "writev", "rename", "unlink", "chmod"};
-  return std::find(kNames.begin(), kNames.end(), name) != kNames.end();
-}
-
-std::optional<int> ErrorNumber(const std::string& name) {
-  for (int number = 1; number < kMostErrors; ++number) {
-    const char* known = strerrorname_np(number);
-    if (known != nullptr && name == known) return number;
-  }
-  return std::nullopt;
-}
-
-std::optional<Json::Value> ParseResult(const std::string& operation, const std::string& text) {
-  if (text == kFail) return text;
-  if (IsFileFunction(operation)) return ErrorNumber(text);
-  if (text == kThrow) return text;
-
-  Json::Value result;
-  std::string problem;
-  if (!ParseJson(text, result, problem)) return std::nullopt;
-  return result;
-}
 
 /// Takes "@N" or "@N+" off the end of `text` into the first and the last call that a fault is for.
 void TakeCalls(std::string& text, unsigned& first, unsigned& last) {
@@ -58,45 +31,54 @@ void TakeCalls(std::string& text, unsigned& first, unsigned& last) {
 
 }  // namespace
 
-void Faults::Add(const std::string& text) {
+Faults::Fault Faults::Parse(const std::string& text) {
   const size_t equals = text.find('=');
   if (equals == 0 || equals == std::string::npos) {
     throw std::invalid_argument("'" + text + "' is no fault; write OPERATION=RESULT, OPERATION=RESULT@N or ...@N+");
   }
   Fault fault{text, text.substr(0, equals), Json::Value(), 1, std::numeric_limits<unsigned>::max()};
-  std::string result_text = text.substr(equals + 1);
-  TakeCalls(result_text, fault.first, fault.last);
-  const std::optional<Json::Value> result = ParseResult(fault.operation, result_text);
-  if (!result) {
-    throw std::invalid_argument(
-        "the result of the fault '" + text + "' is neither 'fail' nor " +
-        (IsFileFunction(fault.operation) ? "the name of an error such as ENOSPC" : "'throw' nor JSON"));
-  }
-  fault.result = *result;
+  std::string result = text.substr(equals + 1);
+  TakeCalls(result, fault.first, fault.last);
+  fault.result = ParseResult(fault.operation, result);
+  return fault;
+}
 
+unsigned Faults::Add(const std::string& text) {
+  Fault fault = Parse(text);
   const std::lock_guard lock(mutex_);
+  if (faults_.size() == kMostFaults) throw std::invalid_argument("there are a thousand faults; remove some");
+  fault.id = ++last_id_;
   faults_.push_back(std::move(fault));
+  return last_id_;
+}
+
+bool Faults::Remove(unsigned id) {
+  const std::lock_guard lock(mutex_);
+  const auto fault = std::find_if(faults_.begin(), faults_.end(), [id](const Fault& item) { return item.id == id; });
+  if (fault == faults_.end()) return false;
+  faults_.erase(fault);
+  return true;
 }
 
 void Faults::Clear() {
   const std::lock_guard lock(mutex_);
   faults_.clear();
-  calls_.clear();
   met_.clear();
 }
 
-std::optional<Json::Value> Faults::Take(const std::string& operation) {
+std::optional<Faults::Injection> Faults::Take(const std::string& operation) {
+  const bool answers = operation.rfind("APIResponse", 0) == 0;
   const std::lock_guard lock(mutex_);
-  const unsigned call = ++calls_[operation];
-  const unsigned any_call = operation.rfind("APIResponse", 0) == 0 ? 0 : ++calls_[kAny];
+  Fault* taken = nullptr;
   for (Fault& fault : faults_) {
-    const unsigned number = fault.operation == operation ? call : fault.operation == kAny ? any_call : 0;
-    if (number == 0 || number < fault.first || number > fault.last) continue;
-    fault.met = true;
-    if (met_.size() < kMostMet) met_.push_back(operation);
-    return fault.result;
+    const bool meant = fault.operation == operation || (fault.operation == kAnyOperation && !answers);
+    if (!meant || ++fault.calls < fault.first || fault.calls > fault.last || taken != nullptr) continue;
+    taken = &fault;
   }
-  return std::nullopt;
+  if (taken == nullptr) return std::nullopt;
+  ++taken->met;
+  if (met_.size() < kMostMet) met_.push_back(operation);
+  return Injection{taken->result, taken->text};
 }
 
 std::vector<std::string> Faults::Met() const {
@@ -104,11 +86,22 @@ std::vector<std::string> Faults::Met() const {
   return met_;
 }
 
-std::vector<std::string> Faults::Unmet() const {
+Json::Value Faults::List() const {
   const std::lock_guard lock(mutex_);
-  std::vector<std::string> unmet;
+  Json::Value list(Json::arrayValue);
   for (const Fault& fault : faults_) {
-    if (!fault.met) unmet.push_back(fault.text);
+    Json::Value& entry = list.append(Json::objectValue);
+    entry["id"] = fault.id;
+    entry["fault"] = fault.text;
+    entry["met"] = fault.met;
+  }
+  return list;
+}
+
+std::vector<std::string> Faults::Unmet() const {
+  std::vector<std::string> unmet;
+  for (const Json::Value& fault : List()) {
+    if (fault["met"] == 0U) unmet.push_back(fault["fault"].asString());
   }
   return unmet;
 }

@@ -2,7 +2,6 @@
 
 #include <json/value.h>
 
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,18 +16,30 @@ namespace desk {
 ///              after the work, "result" among them. For file functions the name of an error (ENOSPC).
 ///              `throw`: leave the operation with an exception, but for file functions. `fail`: what a failure
 ///              of it gives, which is false, -1, no text, EIO, or an exception where something is made.
-///   @N, @N+    only the N-th call of the operation, or every call from the N-th on; else every call
+///   @N, @N+    only the N-th call of the operation since the fault was added, or every call from the N-th on;
+///              else every call
 class Faults {
  public:
-  /// Throws `std::invalid_argument`, saying what is wrong, when `text` is no fault.
-  void Add(const std::string& text);
+  /// What a call of an operation gives in place of its own result, and the fault as it was written.
+  struct Injection {
+    Json::Value result;
+    std::string fault;
+  };
+
+  /// Adds a fault and gives its number. Throws `std::invalid_argument`, saying what is wrong, when `text` is none.
+  unsigned Add(const std::string& text);
+  /// False when there is no fault of this number.
+  bool Remove(unsigned id);
   void Clear();
 
-  /// Counts one call of `operation` and gives the result that the first matching fault has for it.
-  std::optional<Json::Value> Take(const std::string& operation);
+  /// Counts one call of `operation` and gives what the first matching fault has for it.
+  std::optional<Injection> Take(const std::string& operation);
 
   /// Names of the first thousand operations that met a fault, in order.
   std::vector<std::string> Met() const;
+
+  /// The faults in order, as an array of objects: "id", "fault" as it was written, "met", the number of calls.
+  Json::Value List() const;
 
   /// The faults that no call has met yet, as they were written.
   std::vector<std::string> Unmet() const;
@@ -40,16 +51,21 @@ class Faults {
     Json::Value result;
     unsigned first;
     unsigned last;
-    bool met = false;
+    unsigned id = 0;
+    unsigned calls = 0;
+    unsigned met = 0;
   };
+
+  static Fault Parse(const std::string& text);
 
   mutable std::mutex mutex_;
   std::vector<Fault> faults_;
-  std::map<std::string, unsigned> calls_;
+  unsigned last_id_ = 0;
   std::vector<std::string> met_;
 };
 
-/// The results of faults written as `throw` and `fail`.
+/// The operation and the results of faults written as `*`, `throw` and `fail`.
+constexpr char kAnyOperation[] = "*";
 constexpr char kThrow[] = "throw";
 constexpr char kFail[] = "fail";
 

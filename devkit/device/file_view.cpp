@@ -46,23 +46,28 @@ bool IsOfDevice(const char* path) {
 std::string Locate(const char* path) { return Device::Get().Locate(path).string(); }
 
 void Record(const char* name, const Json::Value& args, const Json::Value& result) {
-  Json::Value line;
-  line["call"] = desk::current_call;
-  line["op"] = name;
-  line["args"] = args;
+  desk::Line line(name, args);
   line["result"] = result;
-  Device::Get().trace.Record(line);
+  line.Record();
+}
+
+/// Sets the error number that a fault has for a function, and names the fault in its line.
+void Inject(const desk::Faults::Injection& injection, desk::Line& line) {
+  line["fault"] = injection.fault;
+  errno = injection.result.isInt() ? injection.result.asInt() : EIO;
 }
 
 /// Does `work`, or fails with the error number of a fault. The caller finds errno as the work left it.
 template <typename Result, typename Work>
 Result FileFunction(const char* name, const Json::Value& args, Result failure, Work work) {
-  const auto fault = Device::Get().faults.Take(name);
-  if (fault) errno = fault->isInt() ? fault->asInt() : EIO;
-  const Result result = fault ? failure : work();
+  desk::Line line(name, args);
+  const auto injection = Device::Get().faults.Take(name);
+  if (injection) Inject(*injection, line);
+  const Result result = injection ? failure : work();
   const int error = errno;
   const char* error_name = strerrorname_np(error);
-  Record(name, args, result != failure ? "ok" : error_name != nullptr ? error_name : "failed");
+  line["result"] = result != failure ? "ok" : error_name != nullptr ? error_name : "failed";
+  line.Record();
   errno = error;
   return result;
 }
@@ -98,10 +103,13 @@ FILE* Open(const char* path, const char* mode, FILE* (*open)(const char*, const 
 template <typename Work>
 ssize_t MoveBytes(const char* name, int file, Work work) {
   if (!IsDeviceFile(file)) return work();
-  const auto fault = Device::Get().faults.Take(name);
-  if (!fault) return work();
-  const int error = fault->isInt() ? fault->asInt() : EIO;
-  Record(name, Args(file), strerrorname_np(error));
+  const auto injection = Device::Get().faults.Take(name);
+  if (!injection) return work();
+  desk::Line line(name, Args(file));
+  Inject(*injection, line);
+  const int error = errno;
+  line["result"] = strerrorname_np(error);
+  line.Record();
   errno = error;
   return -1;
 }

@@ -9,31 +9,46 @@ thread_local unsigned unrecorded = 0;
 }  // namespace
 
 thread_local unsigned current_call = 0;
+thread_local std::string current_method;
+
+Line::Line(const std::string& operation, Json::Value args) {
+  line_["call"] = current_call;
+  if (!current_method.empty()) line_["method"] = current_method;
+  line_["at"] = Json::Int64(Device::Get().Now());
+  line_["op"] = operation;
+  line_["args"] = std::move(args);
+}
+
+void Line::Record() {
+  const auto duration = std::chrono::steady_clock::now() - start_;
+  line_["us"] = Json::Int64(std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
+  Device::Get().trace.Record(std::move(line_));
+}
 
 Unrecorded::Unrecorded() { ++unrecorded; }
 
 Unrecorded::~Unrecorded() { --unrecorded; }
 
-Operation::Operation(std::string name, Json::Value args) : name_(std::move(name)), recorded_(unrecorded == 0) {
-  if (!recorded_) return;
-  fault_ = Device::Get().faults.Take(name_);
-  line_["call"] = current_call;
-  line_["op"] = name_;
-  line_["args"] = std::move(args);
+Operation::Operation(std::string name, Json::Value args) : name_(std::move(name)) {
+  if (unrecorded != 0) return;
+  line_.emplace(name_, std::move(args));
+  auto injection = Device::Get().faults.Take(name_);
+  if (!injection) return;
+  fault_ = std::move(injection->result);
+  (*line_)["fault"] = injection->fault;
 }
 
 Operation::~Operation() {
-  if (!recorded_) return;
-  for (const Slot& output : outputs_) line_["out"][output.name] = output.get();
+  if (!line_) return;
+  for (const Slot& output : outputs_) (*line_)["out"][output.name] = output.get();
   if (result_) {
-    line_["result"] = *result_;
+    (*line_)["result"] = *result_;
   } else {
-    line_["thrown"] = true;
+    (*line_)["thrown"] = true;
   }
-  Trace& trace = Device::Get().trace;
   // What the framework hands over is the caller's, whose right is not known yet.
-  if (current_call != 0 && name_.rfind("API", 0) != 0) trace.Learn(current_call, line_);
-  trace.Record(line_);
+  if (current_call != 0 && name_.rfind("API", 0) != 0) Device::Get().trace.Learn(current_call, line_->Value());
+  line_->Record();
 }
 
 bool IsConstructor(const std::string& operation) {

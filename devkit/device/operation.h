@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -14,8 +15,25 @@
 
 namespace desk {
 
-/// Number of the web-API call that this thread is serving; 0 outside a call.
+/// Number and method of the web-API call that this thread is serving; 0 outside a call.
 extern thread_local unsigned current_call;
+extern thread_local std::string current_method;
+
+/// A line of the trace in the making.
+class Line {
+ public:
+  /// Begins the line together with the operation.
+  Line(const std::string& operation, Json::Value args);
+  /// Sets another member.
+  Json::Value& operator[](const char* member) { return line_[member]; }
+  const Json::Value& Value() const { return line_; }
+  /// Leaves the line, which says how long the operation took, in the trace.
+  void Record();
+
+ private:
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  Json::Value line_;
+};
 
 /// While it lives, operations of this thread leave no line and meet no fault: the stand-in asks itself.
 class Unrecorded {
@@ -56,17 +74,15 @@ class Operation {
   template <typename Work>
   auto Run(Work work) {
     using Result = decltype(work());
-    const bool fails = fault_ == Json::Value(kFail);
-    if (fault_ == Json::Value(kThrow) || (fails && IsConstructor(name_))) {
+    if (!fault_) return Keep(Try(work));
+    if (*fault_ == kThrow || (*fault_ == kFail && IsConstructor(name_))) {
       throw std::runtime_error("fault injected into " + name_);
     }
-    if (fails) return Keep(Failure<Result>());
-    if (fault_ && !fault_->isObject()) return Keep(As<Result>(*fault_));
+    if (*fault_ == kFail) return Keep(Failure<Result>());
+    if (!fault_->isObject()) return Keep(As<Result>(*fault_));
     Result result = Try(work);
-    if (fault_) {
-      ReplaceOutputs();
-      if (fault_->isMember("result")) result = As<Result>((*fault_)["result"]);
-    }
+    ReplaceOutputs();
+    if (fault_->isMember("result")) result = As<Result>((*fault_)["result"]);
     return Keep(std::move(result));
   }
 
@@ -119,7 +135,7 @@ class Operation {
     try {
       return work();
     } catch (const FileError& problem) {
-      line_["problem"] = problem.what();
+      if (line_) (*line_)["problem"] = problem.what();
       return Failure<decltype(work())>();
     }
   }
@@ -127,8 +143,8 @@ class Operation {
   void ReplaceOutputs();
 
   std::string name_;
-  bool recorded_;
-  Json::Value line_;
+  /// None when the operation leaves none and meets no fault.
+  std::optional<Line> line_;
   std::optional<Json::Value> fault_;
   std::optional<Json::Value> result_;
   std::vector<Slot> outputs_;

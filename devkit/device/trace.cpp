@@ -8,6 +8,8 @@
 #include <string_view>
 #include <utility>
 
+#include "devkit/device/device.h"
+
 namespace desk {
 namespace {
 
@@ -18,8 +20,11 @@ constexpr size_t kMostSecrets = 32;
 /// A shorter text is no secret worth the name, and hiding it everywhere would make the trace unreadable.
 constexpr size_t kLeastSecretBytes = 6;
 
+constexpr size_t kMostRecent = 10000;
+constexpr size_t kMostRecentBytes = 16 << 20;
+
 /// What this thread's call has recorded so far.
-thread_local std::string call_lines;
+thread_local std::vector<std::string> call_lines;
 
 using Secrets = std::set<std::string>;
 using Views = std::vector<std::string_view>;
@@ -98,12 +103,12 @@ void Trace::Record(Json::Value line) {
   for (const auto& [owner, texts] : own_) secrets.insert(secrets.end(), texts.begin(), texts.end());
   const auto call = of_calls_.find(line["call"].asUInt());
   if (call != of_calls_.end()) secrets.insert(secrets.end(), call->second.begin(), call->second.end());
-  for (const char* member : {"args", "out", "result"}) {
+  for (const char* member : {"args", "out", "result", "fault"}) {
     if (line.isMember(member)) line[member] = Clean(line[member], secrets);
   }
   if (call_log != nullptr && line["op"] == "syslog") call_log->push_back(line["args"][1].asString());
   if (sink_) {
-    call_lines += ToLine(line) + "\n";
+    call_lines.push_back(ToLine(line));
   } else {
     lines_.push_back(std::move(line));
   }
@@ -111,8 +116,39 @@ void Trace::Record(Json::Value line) {
 
 void Trace::EndCall(const std::vector<std::string>& log) {
   const std::lock_guard lock(mutex_);
+  for (const std::string& line : call_lines) Keep(line);
   if (sink_) sink_(call_lines, log);
   call_lines.clear();
+}
+
+void Trace::Keep(const std::string& line) {
+  recent_.push_back(line);
+  recent_bytes_ += line.size();
+  ++last_;
+  for (; recent_.size() > kMostRecent || recent_bytes_ > kMostRecentBytes; recent_.pop_front()) {
+    recent_bytes_ -= recent_.front().size();
+  }
+}
+
+Json::Value Trace::Recent(std::uint64_t after, size_t limit) const {
+  std::vector<std::string> texts;
+  std::uint64_t from = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    const std::uint64_t oldest = last_ - recent_.size();
+    after = std::min(after, last_);
+    from = std::max(after, oldest);
+    for (size_t at = from - oldest; at < recent_.size() && texts.size() < limit; ++at) texts.push_back(recent_[at]);
+  }
+  Json::Value answer;
+  answer["lines"] = Json::arrayValue;
+  answer["next"] = Json::UInt64(from + texts.size());
+  answer["skipped"] = Json::UInt64(from - after);
+  for (const std::string& text : texts) {
+    std::string problem;
+    ParseJson(text, answer["lines"].append(Json::nullValue), problem);
+  }
+  return answer;
 }
 
 void Trace::Own(const std::string& owner, const Json::Value& value) {

@@ -2,6 +2,8 @@
 
 #include <json/value.h>
 
+#include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -12,11 +14,12 @@
 namespace desk {
 
 /// What the module asked of the device, in order: one JSON object per operation with "call" (number of the
-/// web-API call), "op", "args", and "result" or "thrown". Secrets are replaced by "(hidden)".
+/// web-API call), "method", "at" (its beginning, milliseconds since the epoch), "us" (its duration), "op", "args",
+/// "out", "result" or "thrown", and "fault" where that was injected. Secrets are replaced by "(hidden)".
 class Trace {
  public:
-  /// Takes the lines of one call, as they stand in a file, and its log lines.
-  using Sink = std::function<void(const std::string& lines, const std::vector<std::string>& log)>;
+  /// Takes the lines of one call, and its log lines.
+  using Sink = std::function<void(const std::vector<std::string>& lines, const std::vector<std::string>& log)>;
 
   /// Adds one line.
   void Record(Json::Value line);
@@ -37,12 +40,22 @@ class Trace {
   /// Ends this thread's call, which wrote `log`, by handing its lines to the sink.
   void EndCall(const std::vector<std::string>& log);
 
-  /// Hands lines to `sink`, once for each call, instead of keeping them.
+  /// Hands lines to `sink`, once for each call, instead of keeping them all.
   void SetSink(Sink sink);
+
+  /// What was handed over after the line of the number `after`: an object with at most `limit` "lines", "next", the
+  /// number of the last one, and "skipped", how many before them are not kept any more. The last 10,000 are, unless
+  /// they have more than 16 MiB.
+  Json::Value Recent(std::uint64_t after, size_t limit) const;
 
  private:
   mutable std::mutex mutex_;
+  void Keep(const std::string& line);
+
   std::vector<Json::Value> lines_;
+  std::deque<std::string> recent_;
+  size_t recent_bytes_ = 0;
+  std::uint64_t last_ = 0;
   std::map<std::string, std::set<std::string>> own_;
   std::map<unsigned, std::set<std::string>> of_calls_;
   Sink sink_;

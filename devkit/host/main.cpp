@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -15,8 +16,10 @@
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
+#include "devkit/device/operations.h"
 #include "devkit/host/check.h"
 #include "devkit/host/rpc_server.h"
+#include "devkit/host/trace_file.h"
 #include "devkit/webapi/description.h"
 #include "devkit/webapi/module.h"
 
@@ -57,45 +60,6 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Hands the trace to its file and log lines to people.
-class TraceWriter {
- public:
-  TraceWriter(desk::Device& device, const std::string& file) : device_(device) {
-    if (file == "-") file_ = STDERR_FILENO;
-    if (!file.empty() && file != "-") {
-      file_ = open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
-      if (file_ < 0) throw UsageError("cannot write the trace to '" + file + "': " + std::strerror(errno));
-    }
-    device_.trace.SetSink([this](const auto& lines, const auto& log) { Write(lines, log); });
-  }
-  ~TraceWriter() {
-    device_.trace.SetSink(nullptr);
-    if (file_ > STDERR_FILENO) close(file_);
-  }
-  TraceWriter(const TraceWriter&) = delete;
-  TraceWriter& operator=(const TraceWriter&) = delete;
-
- private:
-  void Write(const std::string& lines, const std::vector<std::string>& log) {
-    if (file_ >= 0) Append(lines);
-    for (const std::string& line : log) std::cerr << "log: " << line << std::endl;
-  }
-
-  /// Writes a line whole or not at all. A full disk costs the lines only that it has no room for.
-  void Append(const std::string& line) {
-    const ssize_t size = write(file_, line.data(), line.size());
-    const bool failed = size != static_cast<ssize_t>(line.size());
-    const bool torn = failed && size > 0 && file_ != STDERR_FILENO;
-    [[maybe_unused]] const int cut = torn ? ftruncate(file_, lseek(file_, 0, SEEK_CUR) - size) : 0;
-    if (failed && !failed_) std::cerr << "webapi-host: lines of the trace cannot be written and are left out\n";
-    failed_ = failed;
-  }
-
-  desk::Device& device_;
-  int file_ = -1;
-  bool failed_ = false;
-};
-
 /// The device, its control server unless another is named, and its trace.
 struct Desk {
   explicit Desk(const Options& options) : device(options.root), trace(device, options.trace) {
@@ -107,7 +71,7 @@ struct Desk {
   }
 
   desk::Device device;
-  TraceWriter trace;
+  desk::TraceWriter trace;
   std::optional<desk::ControlServer> control_server;
 };
 
@@ -167,9 +131,9 @@ int Call(const Options& options) {
   const APIHandler handler = module->Find(options.api, options.version, options.method);
   if (handler == nullptr) throw UsageError("the module has no such method; `webapi-host list` shows all");
 
-  for (const std::string& fault : options.faults) desk::Faults().Add(fault);  // before the folder is made
   Desk desk(options);
-  const desk::Outcome outcome = desk::Call(handler, params, options.caller == "admin");
+  const std::string name = options.api + '/' + std::to_string(options.version) + '/' + options.method;
+  const desk::Outcome outcome = desk::Call(handler, params, options.caller == "admin", name);
   for (const std::string& fault : desk.device.faults.Unmet()) {
     std::cerr << "webapi-host: the fault '" << fault << "' met no call\n";
   }
@@ -233,6 +197,21 @@ int ServeControl(const Options& options) {
   return WaitForEnd();
 }
 
+int ListFaults() {
+  for (const Json::Value& operation : desk::ListOperations()) std::cout << desk::ToLine(operation) << '\n';
+  return kDone;
+}
+
+int ShowTrace(const Options& options) {
+  std::ifstream file(options.subject);
+  if (options.subject != "-" && !file) {
+    throw UsageError("cannot read '" + options.subject + "': " + std::strerror(errno));
+  }
+  std::istream& trace = options.subject == "-" ? std::cin : file;
+  const bool any = (options.json ? desk::PrintTraceEvents : desk::PrintTrace)(trace, std::cout);
+  return any ? kDone : kErrorAnswer;
+}
+
 int Describe(const Options& options) {
   const auto module = LoadModule(options);
   std::cout << desk::Describe(*module).toStyledString();
@@ -276,6 +255,15 @@ int Explain(const Options& options) {
 
 int Check(const Options& options) { return desk::CheckModule(options.check) ? kDone : kErrorAnswer; }
 
+std::string FindFaultProblem(const std::string& fault) {
+  try {
+    desk::Faults().Add(fault);
+    return "";
+  } catch (const std::invalid_argument& problem) {
+    return problem.what();
+  }
+}
+
 void AddDeviceOptions(CLI::App& command, Options& options) {
   command.add_option("--root", options.root, "Folder of the desk device; a missing or empty one becomes a new device")
       ->capture_default_str();
@@ -283,6 +271,7 @@ void AddDeviceOptions(CLI::App& command, Options& options) {
       "--trace", options.trace,
       "Append the trace to this file, - for standard error; serve takes desk/trace.jsonl of the device by default");
   command.add_option("--fault", options.faults, "Make an operation fail: OPERATION=RESULT[@N[+]]; may be repeated")
+      ->check(FindFaultProblem, "")
       ->allow_extra_args(false);
   command.add_option("--control-server", options.control_port, "Loopback port of a control server that runs already")
       ->check(CLI::Range(1, 65535));
@@ -332,6 +321,12 @@ int Run(int argc, char** argv) {
       ->check(CLI::Range(1, 3600))
       ->capture_default_str();
 
+  CLI::App* faults = app.add_subcommand("faults", "List what can be made to fail, and how, one JSON object a line");
+
+  CLI::App* trace = app.add_subcommand("trace", "Show a trace, each call with what it asked of the device");
+  trace->add_option("file", options.subject, "The file of the trace, - for standard input")->required();
+  trace->add_flag("--events", options.json, "Print it in the trace-event format, which viewers of profiles open");
+
   CLI::App* describe = app.add_subcommand("describe", "Show the OpenRPC document of the module's methods");
   AddModuleOption(*describe, options);
 
@@ -352,6 +347,8 @@ int Run(int argc, char** argv) {
   if (call->parsed()) return Call(options);
   if (serve->parsed()) return Serve(options);
   if (check->parsed()) return Check(options);
+  if (faults->parsed()) return ListFaults();
+  if (trace->parsed()) return ShowTrace(options);
   if (describe->parsed()) return Describe(options);
   if (explain->parsed()) return Explain(options);
   return ServeControl(options);

@@ -55,9 +55,10 @@ std::string Outcome::Problem() const {
   return "answered " + std::to_string(answers.size()) + " times";
 }
 
-Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
+Outcome Call(APIHandler handler, const Json::Value& params, bool admin, const std::string& method) {
   Trace& trace = Device::Get().trace;
   current_call = ++calls;
+  current_method = method;
   if (admin) trace.Learn(current_call, params);
   VEXA::APICall call{params, admin, {}};
   VEXA::APIRequest request(call);
@@ -73,6 +74,7 @@ Outcome Call(APIHandler handler, const Json::Value& params, bool admin) {
   }
   call_log = nullptr;
   outcome.number = std::exchange(current_call, 0);
+  current_method.clear();
   trace.EndCall(outcome.log);
   trace.Forget(outcome.number);
   outcome.answers = std::move(call.answers);

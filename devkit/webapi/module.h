@@ -59,7 +59,7 @@ struct Outcome {
   std::string Problem() const;
 };
 
-/// Calls a handler for a caller who sent `params`, an object.
-Outcome Call(APIHandler handler, const Json::Value& params, bool admin);
+/// Calls a handler for a caller who sent `params`, an object. The trace names `method`.
+Outcome Call(APIHandler handler, const Json::Value& params, bool admin, const std::string& method = "");
 
 }  // namespace desk

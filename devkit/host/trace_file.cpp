@@ -1,0 +1,146 @@
+#include "devkit/host/trace_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <iomanip>
+#include <iostream>
+#include <stdexcept>
+
+namespace desk {
+namespace {
+
+constexpr off_t kMostBytes = 16 << 20;
+
+int OpenTrace(const std::string& path) {
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+}
+
+bool IsTraceLine(const Json::Value& line) {
+  return line.isObject() && line["op"].isString() && line["call"].isUInt() && line["at"].isInt64() &&
+         line["us"].isInt64();
+}
+
+/// Hands each line of a trace to `take`.
+bool ReadLines(std::istream& trace, const std::function<void(const Json::Value&)>& take) {
+  unsigned number = 0;
+  bool any = false;
+  for (std::string text; std::getline(trace, text);) {
+    ++number;
+    Json::Value line;
+    std::string problem;
+    if (ParseJson(text, line, problem) && IsTraceLine(line)) {
+      take(line);
+      any = true;
+    } else {
+      std::cerr << "webapi-host: line " << number << " is no line of a trace and is left out\n";
+    }
+  }
+  return any;
+}
+
+std::string Join(const Json::Value& values) {
+  std::string list;
+  for (const Json::Value& value : values) list += (list.empty() ? "" : ", ") + ToLine(value);
+  return list;
+}
+
+void PrintLine(const Json::Value& line, std::ostream& out) {
+  out << "  " << std::setw(8) << line["us"].asString() << " us  " << line["op"].asString() << '(' << Join(line["args"])
+      << ')';
+  if (line.isMember("result") && !line["result"].isNull()) out << " = " << ToLine(line["result"]);
+  if (line.isMember("thrown")) out << " left with an exception";
+  if (line.isMember("out")) out << "  out " << ToLine(line["out"]);
+  if (line.isMember("problem")) out << "  because it " << line["problem"].asString();
+  if (line.isMember("fault")) out << "  injected: " << line["fault"].asString();
+  out << '\n';
+}
+
+}  // namespace
+
+TraceWriter::TraceWriter(Device& device, const std::string& file) : device_(device) {
+  if (file == "-") {
+    file_ = STDERR_FILENO;
+  } else if (!file.empty()) {
+    path_ = file;
+    file_ = OpenTrace(path_);
+    if (file_ < 0) throw std::runtime_error("cannot write the trace to '" + file + "': " + std::strerror(errno));
+  }
+  device_.trace.SetSink([this](const auto& lines, const auto& log) {
+    if (file_ >= 0) Write(lines);
+    for (const std::string& line : log) std::cerr << "log: " << line << std::endl;
+  });
+}
+
+TraceWriter::~TraceWriter() {
+  device_.trace.SetSink(nullptr);
+  if (!path_.empty()) close(file_);
+}
+
+/// Writes lines whole or not at all. A full disk costs those only that it has no room for.
+void TraceWriter::Write(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  if (!path_.empty()) MakeRoom(text.size());
+  const ssize_t size = write(file_, text.data(), text.size());
+  const bool failed = size != static_cast<ssize_t>(text.size());
+  const bool torn = failed && size > 0 && !path_.empty();
+  [[maybe_unused]] const int cut = torn ? ftruncate(file_, lseek(file_, 0, SEEK_CUR) - size) : 0;
+  if (failed && !failed_) std::cerr << "webapi-host: lines of the trace cannot be written and are left out\n";
+  failed_ = failed;
+}
+
+void TraceWriter::MakeRoom(size_t bytes) {
+  struct stat status;
+  if (fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (status.st_size == 0 || status.st_size + static_cast<off_t>(bytes) <= kMostBytes) return;
+  if (std::rename(path_.c_str(), (path_ + ".1").c_str()) != 0) return;
+  const int fresh = OpenTrace(path_);
+  if (fresh < 0) return;
+  close(file_);
+  file_ = fresh;
+}
+
+bool PrintTrace(std::istream& trace, std::ostream& out) {
+  Json::Value call;
+  return ReadLines(trace, [&](const Json::Value& line) {
+    if (line["call"] != call) {
+      call = line["call"];
+      out << "call " << call.asString() << "  " << line["method"].asString() << '\n';
+    }
+    PrintLine(line, out);
+  });
+}
+
+bool PrintTraceEvents(std::istream& trace, std::ostream& out) {
+  constexpr Json::Int64 kMicroseconds = 1000;
+  Json::Int64 end = 0;
+  const char* separator = "{\"traceEvents\":[\n";
+  const bool any = ReadLines(trace, [&](const Json::Value& line) {
+    Json::Value event;
+    event["name"] = line["op"];
+    event["cat"] = line["method"];
+    event["ph"] = "X";
+    event["pid"] = 1;
+    event["tid"] = line["call"];
+    // A line's time is rounded down: the next begins no earlier than the last one ended.
+    event["ts"] = std::max(end, line["at"].asInt64() * kMicroseconds);
+    event["dur"] = line["us"];
+    for (const char* member : {"args", "out", "result", "thrown", "fault"}) {
+      if (line.isMember(member)) event["args"][member] = line[member];
+    }
+    end = event["ts"].asInt64() + line["us"].asInt64();
+    out << separator << ToLine(event);
+    separator = ",\n";
+  });
+  out << (any ? "" : separator) << "\n]}\n";
+  return any;
+}
+
+}  // namespace desk
