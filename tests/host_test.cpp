@@ -164,6 +164,28 @@ TEST_F(RpcTest, TheTokenMakesAnAdministrator) {
             false);
 }
 
+TEST_F(RpcTest, TheDeskIsDrivenByAdministratorsOnly) {
+  const std::string body = R"({"jsonrpc": "2.0", "id": 7, "method": "desk.faults"})";
+  EXPECT_EQ(Rpc(body)["error"]["code"], 105);
+  EXPECT_EQ(Rpc(body, "Authorization: Bearer secret\r\n")["result"], Json::Value(Json::arrayValue));
+  const std::string wrong = R"({"jsonrpc": "2.0", "id": 7, "method": "desk.add_fault", "params": {"fault": "x"}})";
+  EXPECT_EQ(Rpc(wrong, "Authorization: Bearer secret\r\n")["error"]["data"]["problem"].asString().find("'x' is no"),
+            0u);
+}
+
+TEST_F(RpcTest, AnswersNameTheirCallInTheTrace) {
+  const std::string answer = Send(R"({"jsonrpc": "2.0", "id": 7, "method": "VEXA.Core.TunnelBridge.Upnp/1/get"})");
+  const std::string call = device->trace.Lines().back()["call"].asString();
+  EXPECT_NE(answer.find("\r\nDesk-Call: " + call + "\r\n"), std::string::npos) << answer;
+}
+
+TEST_F(RpcTest, TheConsoleRunsNothingFromElsewhere) {
+  const std::string page = Exchange(port_, "GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+  EXPECT_NE(page.find("\r\nContent-Security-Policy: default-src 'none'; script-src 'self';"), std::string::npos)
+      << page;
+  EXPECT_NE(page.find("<!DOCTYPE html>"), std::string::npos);
+}
+
 /// An answer in which an error is its code and its id only.
 std::string WithoutDetails(std::string text) {
   const std::string start = R"("error":{"code":)";

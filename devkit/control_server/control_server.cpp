@@ -176,12 +176,16 @@ bool OnlyDelays(const Json::Value& step) {
 
 ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(folder) {
   std::filesystem::create_directories(folder_);
-  const FolderLock lock(folder_);
-  RemoveParts(folder_);
-  if (!std::filesystem::exists(folder_ / "state.json") && !StoreText(folder_ / "state.json", kNewState)) {
-    throw std::runtime_error("cannot write the control server's state into '" + folder_.string() + "'");
-  }
+  FillNew(folder_);
   server_.Route("POST", "/relay", [this](const http::Request& request) { return Serve(request.body); });
+}
+
+void ControlServer::FillNew(const std::filesystem::path& folder) {
+  const FolderLock lock(folder);
+  RemoveParts(folder);
+  if (!std::filesystem::exists(folder / "state.json") && !StoreText(folder / "state.json", kNewState)) {
+    throw std::runtime_error("cannot write the control server's state into '" + folder.string() + "'");
+  }
 }
 
 ControlServer::~ControlServer() {

@@ -16,6 +16,8 @@ class ControlServer {
  public:
   /// Makes the folder and its first state when they are missing.
   explicit ControlServer(const std::filesystem::path& folder);
+  /// Makes the first state in `folder` when it is missing. Throws `std::runtime_error` when it cannot be written.
+  static void FillNew(const std::filesystem::path& folder);
   ~ControlServer();
 
   /// Starts to serve and returns the port. Throws as `http::Server::Start` does.

@@ -184,6 +184,7 @@ int Serve(Options options) {
   std::cerr << "webapi-host: serving http://127.0.0.1:" << port << "/rpc for the device in " << desk.device.Root()
             << "\nwebapi-host: control server: 127.0.0.1:" << desk.device.control_port
             << "\nwebapi-host: trace:          " << options.trace << "\nwebapi-host: admin token:    " << token
+            << "\nwebapi-host: console:        http://127.0.0.1:" << port << "/#token=" << token
             << "\nwebapi-host: Ctrl-C ends it." << std::endl;
   return WaitForEnd();
 }

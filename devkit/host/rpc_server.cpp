@@ -6,7 +6,8 @@
 #include <charconv>
 #include <optional>
 
-#include "devkit/device/device.h"
+#include "devkit/console/methods.h"
+#include "devkit/console/page.h"
 #include "devkit/webapi/description.h"
 
 namespace desk {
@@ -18,6 +19,8 @@ constexpr int kInvalidRequest = -32600;
 constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
 constexpr int kInternalError = -32603;
+/// The module's own code, which the desk methods share.
+constexpr int kNotAdministrator = 105;
 
 constexpr char kError[] = "error";
 constexpr unsigned kMostRequests = 100;
@@ -42,12 +45,13 @@ std::string Reply(const std::string& id, const char* kind, const Json::Value& va
 }
 
 std::string ErrorReply(const std::string& id, int code, const std::string& message, const std::string& method = "",
-                       const Outcome& outcome = {}) {
+                       const Outcome& outcome = {}, const std::string& problem = "") {
   Json::Value error;
   error["code"] = code;
   error["message"] = message;
   error["data"] = ErrorData(method, code, outcome.log);
   if (outcome.number != 0) error["data"]["call"] = outcome.number;
+  if (!problem.empty()) error["data"]["problem"] = problem;
   return Reply(id, kError, error);
 }
 
@@ -63,18 +67,33 @@ std::optional<std::string> FindFault(const Json::Value& request) {
   return std::nullopt;
 }
 
-std::string Dispatch(const Module& module, const Json::Value& request, const std::string& id, bool admin) {
+std::string ServeDesk(const std::string& method, const Json::Value& params, const std::string& id, bool admin) {
+  if (!admin) return ErrorReply(id, kNotAdministrator, CodeText(kNotAdministrator), method);
+  try {
+    return Reply(id, "result", CallDeskMethod(Device::Get(), method, params));
+  } catch (const ParamsError& problem) {
+    return ErrorReply(id, kInvalidParams, CodeText(kInvalidParams), method, {}, problem.what());
+  } catch (const std::exception& problem) {
+    return ErrorReply(id, kInternalError, "the device cannot do that", method, {}, problem.what());
+  }
+}
+
+/// Answers a request. `call` becomes the number of the module's call, if there is one.
+std::string Dispatch(const Module& module, const Json::Value& request, const std::string& id, bool admin,
+                     unsigned& call) {
   const std::string method = request["method"].asString();
   const Json::Value& given = request["params"];
   const Json::Value params = given.empty() ? Json::Value(Json::objectValue) : given;
   if (method == "rpc.discover" && params.isObject()) return Reply(id, "result", Describe(module));
   const APIHandler handler = FindHandler(module, method);
-  if (handler == nullptr) {
+  if (handler == nullptr && !IsDeskMethod(method)) {
     return ErrorReply(id, kMethodNotFound, "no method '" + method + "'; methods are named API/VERSION/METHOD");
   }
   if (!params.isObject()) return ErrorReply(id, kInvalidParams, "\"params\" must be an object of named parameters");
+  if (handler == nullptr) return ServeDesk(method, params, id, admin);
 
-  const Outcome outcome = Call(handler, params, admin);
+  const Outcome outcome = Call(handler, params, admin, method);
+  call = outcome.number;
   const bool is_answer = outcome.Problem().empty();
   if (is_answer && outcome.answers.front().success) return Reply(id, "result", outcome.answers.front().data);
   const int code = is_answer ? outcome.answers.front().code : kInternalError;
@@ -82,22 +101,24 @@ std::string Dispatch(const Module& module, const Json::Value& request, const std
 }
 
 /// The answer to one request of `text`; empty for a notification.
-std::string AnswerOne(const Module& module, const Json::Value& request, const std::string& text, bool admin) {
+std::string AnswerOne(const Module& module, const Json::Value& request, const std::string& text, bool admin,
+                      unsigned& call) {
   if (const auto fault = FindFault(request)) return ErrorReply("null", kInvalidRequest, *fault);
   const Json::Value& id = request["id"];
   const auto start = static_cast<size_t>(id.getOffsetStart());
   const std::string id_text = text.substr(start, static_cast<size_t>(id.getOffsetLimit()) - start);
-  const std::string reply = Dispatch(module, request, id_text, admin);
+  const std::string reply = Dispatch(module, request, id_text, admin, call);
   return request.isMember("id") ? reply : "";
 }
 
-std::string AnswerAll(const Module& module, const Json::Value& batch, const std::string& text, bool admin) {
+std::string AnswerAll(const Module& module, const Json::Value& batch, const std::string& text, bool admin,
+                      unsigned& call) {
   if (batch.empty() || batch.size() > kMostRequests) {
     return ErrorReply("null", kInvalidRequest, "a batch holds 1 to " + std::to_string(kMostRequests) + " requests");
   }
   std::string replies;
   for (const Json::Value& request : batch) {
-    const std::string reply = AnswerOne(module, request, text, admin);
+    const std::string reply = AnswerOne(module, request, text, admin, call);
     if (!reply.empty()) replies += (replies.empty() ? "[" : ",") + reply;
   }
   return replies.empty() ? "" : replies + "]";
@@ -119,6 +140,11 @@ RpcServer::RpcServer(const Module& module, std::string admin_token, std::vector<
   server_.Route("GET", "/openrpc.json", [this](const http::Request&) {
     return http::Response{200, ToLine(Describe(module_)) + "\n"};
   });
+  for (const PageFile& file : Page()) {
+    server_.Route("GET", file.path, [&file](const http::Request&) {
+      return http::Response{200, file.text, {{"Content-Type", file.type}, {"Content-Security-Policy", kPagePolicy}}};
+    });
+  }
 }
 
 http::Response RpcServer::Serve(const http::Request& request) const {
@@ -137,9 +163,12 @@ http::Response RpcServer::Serve(const http::Request& request) const {
   if (!ParseJson(request.body, body, problem)) {
     return {200, ErrorReply("null", kParseError, "the body is no JSON: " + problem) + "\n"};
   }
-  const std::string reply = (body.isArray() ? AnswerAll : AnswerOne)(module_, body, request.body, admin);
-  if (reply.empty()) return {204, "", {}};
-  return {200, reply + "\n"};
+  unsigned call = 0;
+  const std::string reply = (body.isArray() ? AnswerAll : AnswerOne)(module_, body, request.body, admin, call);
+  http::Response response{200, reply + "\n"};
+  if (reply.empty()) response = {204, "", {}};
+  if (call != 0) response.headers["Desk-Call"] = std::to_string(call);
+  return response;
 }
 
 }  // namespace desk

@@ -9,7 +9,8 @@ namespace desk {
 
 /// Serves a module's methods as JSON-RPC 2.0, batches included: POST /rpc, method "API/VERSION/METHOD", parameters by
 /// name. A caller who sends "Authorization: Bearer TOKEN" with the right token is an administrator. Web pages of
-/// other origins than `origins` are refused.
+/// other origins than `origins` are refused. The answer to a call of the module has its number in the header
+/// "Desk-Call". Administrators have the desk methods too; GET / is the console.
 class RpcServer {
  public:
   RpcServer(const Module& module, std::string admin_token, std::vector<std::string> origins = {});

@@ -85,6 +85,8 @@ Json::Value Describe(const Module& module) {
     const bool known = method != described.end();
     document[known ? "methods" : "x-undescribed"].append(known ? method->second : Json::Value(MethodName(row)));
   }
+  for (const Json::Value& method : document["x-desk-methods"]) document["methods"].append(method);
+  document.removeMember("x-desk-methods");
   return document;
 }
 

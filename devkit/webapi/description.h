@@ -14,7 +14,7 @@ namespace desk {
 const Json::Value& Description();
 
 /// The document as far as it is about `module`: methods that its table lacks are left out, and rows without a
-/// description are listed by name in "x-undescribed".
+/// description are listed by name in "x-undescribed". The methods of the desk device itself follow.
 Json::Value Describe(const Module& module);
 
 /// What is known of `subject`, a code, a log line's id or a unit: an array of objects with the texts "subject",

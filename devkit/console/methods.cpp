@@ -1,0 +1,250 @@
+#include "devkit/console/methods.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+#include "devkit/control_server/control_server.h"
+#include "devkit/device/new_device.h"
+#include "devkit/device/operations.h"
+#include "devkit/webapi/description.h"
+
+namespace desk {
+namespace fs = std::filesystem;
+namespace {
+
+constexpr unsigned kMostLines = 1000;
+/// What fits into a request or an answer.
+constexpr size_t kMostBytes = 512 << 10;
+constexpr size_t kMostFiles = 1000;
+constexpr char kServicesPath[] = "/desk/services.json";
+constexpr char kControlFolder[] = "/desk/control-server";
+
+using Method = Json::Value (*)(Device& device, const Json::Value& params);
+
+/// What the running server needs; it is neither listed nor changed.
+bool IsServers(const std::string& path) {
+  return path == "/desk/admin-token" || path == "/desk/serving" || path == "/desk/control-server/port" ||
+         path.rfind("/desk/trace.jsonl", 0) == 0;
+}
+
+/// Where a device path that a caller gave lies: a regular file or none yet. No folder on the way may be a link.
+fs::path Place(const Device& device, const std::string& path) {
+  const fs::path place = device.Locate(path);
+  const bool plain = !path.empty() && path[0] == '/' && fs::path(path).lexically_normal().string() == path &&
+                     path.find('\0') == std::string::npos && place.has_filename();
+  if (!plain || IsServers(path)) throw ParamsError("'" + path + "' is no path of a file of the device");
+  std::error_code error;
+  const fs::file_type type = fs::symlink_status(place, error).type();
+  if (fs::canonical(place.parent_path(), error) != place.parent_path() ||
+      (type != fs::file_type::regular && type != fs::file_type::not_found)) {
+    throw ParamsError("'" + path + "' is no regular file, leads through a link, or its folder is missing");
+  }
+  return place;
+}
+
+std::vector<std::string> ListPaths(const Device& device) {
+  std::vector<std::string> paths;
+  for (const auto& entry : fs::recursive_directory_iterator(device.Root())) {
+    if (!entry.is_regular_file() || entry.is_symlink() || paths.size() == kMostFiles) continue;
+    const std::string path = "/" + entry.path().lexically_relative(device.Root()).string();
+    if (!IsServers(path)) paths.push_back(path);
+  }
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+/// JSON holds any text, but no other bytes.
+bool IsText(const std::string& bytes) {
+  Json::Value again;
+  std::string problem;
+  return ParseJson(ToLine(bytes), again, problem) && again == bytes;
+}
+
+void Write(const fs::path& file, const std::string& text) {
+  if (!StoreText(file, text)) throw FileError("cannot write '" + file.string() + "'");
+}
+
+Json::Value GetTrace(Device& device, const Json::Value& params) {
+  const unsigned limit = std::min(params.get("limit", kMostLines).asUInt(), kMostLines);
+  return device.trace.Recent(params.get("after", 0).asUInt64(), limit);
+}
+
+Json::Value GetOperations(Device&, const Json::Value&) { return ListOperations(); }
+
+Json::Value GetFaults(Device& device, const Json::Value&) { return device.faults.List(); }
+
+Json::Value AddFault(Device& device, const Json::Value& params) {
+  Json::Value result;
+  try {
+    result["id"] = device.faults.Add(params["fault"].asString());
+  } catch (const std::invalid_argument& problem) {
+    throw ParamsError(problem.what());
+  }
+  return result;
+}
+
+Json::Value RemoveFault(Device& device, const Json::Value& params) {
+  if (!device.faults.Remove(params["id"].asUInt())) throw ParamsError("there is no fault of this id");
+  return true;
+}
+
+Json::Value ClearFaults(Device& device, const Json::Value&) {
+  device.faults.Clear();
+  return true;
+}
+
+Json::Value GetFiles(Device& device, const Json::Value&) {
+  Json::Value list(Json::arrayValue);
+  for (const std::string& path : ListPaths(device)) {
+    struct stat status;
+    if (lstat(device.Locate(path).c_str(), &status) != 0) continue;
+    char mode[8];
+    std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(status.st_mode & ALLPERMS));
+    Json::Value& file = list.append(Json::objectValue);
+    file["path"] = path;
+    file["size"] = Json::Int64(status.st_size);
+    file["mode"] = mode;
+  }
+  return list;
+}
+
+Json::Value ReadFile(Device& device, const Json::Value& params) {
+  const fs::path file = Place(device, params["path"].asString());
+  const auto text = LoadText(file);
+  if (!text) throw ParamsError("there is no file '" + params["path"].asString() + "'");
+  if (text->size() > kMostBytes || !IsText(*text)) {
+    throw ParamsError("the file is larger than 512 KiB or no UTF-8 text; look at '" + file.string() + "' itself");
+  }
+  Json::Value result;
+  result["text"] = *text;
+  return result;
+}
+
+Json::Value WriteFile(Device& device, const Json::Value& params) {
+  const FolderLock lock(device.Root());
+  Write(Place(device, params["path"].asString()), params["text"].asString());
+  return true;
+}
+
+void RemoveFile(const fs::path& file) {
+  std::error_code error;
+  fs::remove(file, error);
+  if (error) throw FileError("cannot remove '" + file.string() + "': " + error.message());
+}
+
+/// A control server reads its files at every request.
+void FillNewControlServer(const Device& device) {
+  const fs::path folder = device.Locate(kControlFolder);
+  if (fs::is_directory(folder)) ControlServer::FillNew(folder);
+}
+
+Json::Value ResetFile(Device& device, const Json::Value& params) {
+  const FolderLock lock(device.Root());
+  RemoveFile(Place(device, params["path"].asString()));
+  FillNewDevice(device.Root());
+  FillNewControlServer(device);
+  return true;
+}
+
+Json::Value Reset(Device& device, const Json::Value&) {
+  const FolderLock lock(device.Root());
+  device.faults.Clear();
+  for (const std::string& path : ListPaths(device)) RemoveFile(device.Locate(path));
+  FillNewDevice(device.Root());
+  FillNewControlServer(device);
+  return true;
+}
+
+Json::Value ReadJson(const Device& device, const std::string& path) {
+  return LoadJson(device.Locate(path)).value_or(Json::Value());
+}
+
+Json::Value GetServices(Device& device, const Json::Value&) { return ReadJson(device, kServicesPath); }
+
+Json::Value SetService(Device& device, const Json::Value& params) {
+  const FolderLock lock(device.Root());
+  Json::Value states = ReadJson(device, kServicesPath);
+  const std::string name = params["name"].asString();
+  if (!states.isObject() || !states[name].isObject()) throw ParamsError("there is no service '" + name + "'");
+  for (const char* member : {"enabled", "running"}) {
+    if (params.isMember(member)) states[name][member] = params[member];
+  }
+  Write(device.Locate(kServicesPath), states.toStyledString());
+  return true;
+}
+
+Json::Value GetControlState(Device& device, const Json::Value&) {
+  return ReadJson(device, std::string(kControlFolder) + "/state.json");
+}
+
+Json::Value GetControlScript(Device& device, const Json::Value&) {
+  const Json::Value script = ReadJson(device, std::string(kControlFolder) + "/script.json");
+  return script.isNull() ? Json::Value(Json::arrayValue) : script;
+}
+
+Json::Value SetControlScript(Device& device, const Json::Value& params) {
+  const fs::path folder = device.Locate(kControlFolder);
+  const FolderLock lock(folder);
+  Write(folder / "script.json", params["script"].toStyledString());
+  return true;
+}
+
+const std::map<std::string, Method>& Methods() {
+  static const std::map<std::string, Method> methods = {
+      {"desk.add_fault", AddFault},
+      {"desk.clear_faults", ClearFaults},
+      {"desk.control_script", GetControlScript},
+      {"desk.control_state", GetControlState},
+      {"desk.faults", GetFaults},
+      {"desk.files", GetFiles},
+      {"desk.operations", GetOperations},
+      {"desk.read_file", ReadFile},
+      {"desk.remove_fault", RemoveFault},
+      {"desk.reset", Reset},
+      {"desk.reset_file", ResetFile},
+      {"desk.services", GetServices},
+      {"desk.set_control_script", SetControlScript},
+      {"desk.set_service", SetService},
+      {"desk.trace", GetTrace},
+      {"desk.write_file", WriteFile},
+  };
+  return methods;
+}
+
+bool HasType(const Json::Value& value, const std::string& type) {
+  if (type == "string") return value.isString();
+  if (type == "boolean") return value.isBool();
+  if (type == "array") return value.isArray();
+  return type == "integer" && value.isUInt();
+}
+
+/// Holds parameters against the description.
+void CheckParams(const std::string& method, const Json::Value& params) {
+  const Json::Value* described = nullptr;
+  for (const Json::Value& candidate : Description()["x-desk-methods"]) {
+    if (candidate["name"] == method) described = &candidate;
+  }
+  Json::Value::Members unknown = params.getMemberNames();
+  for (const Json::Value& param : (*described)["params"]) {
+    const std::string name = param["name"].asString();
+    unknown.erase(std::remove(unknown.begin(), unknown.end(), name), unknown.end());
+    const std::string type = param["schema"]["type"].asString();
+    if (param["required"].asBool() && !params.isMember(name)) throw ParamsError("'" + name + "' is missing");
+    if (params.isMember(name) && !HasType(params[name], type)) throw ParamsError("'" + name + "' is no " + type);
+  }
+  if (!unknown.empty()) throw ParamsError("there is no parameter '" + unknown.front() + "'");
+}
+
+}  // namespace
+
+bool IsDeskMethod(const std::string& name) { return Methods().count(name) != 0; }
+
+Json::Value CallDeskMethod(Device& device, const std::string& name, const Json::Value& params) {
+  CheckParams(name, params);
+  return Methods().at(name)(device, params);
+}
+
+}  // namespace desk

@@ -1,0 +1,129 @@
+// The desk's own methods: what drives the device while it is served.
+
+#include "devkit/console/methods.h"
+
+#include <unistd.h>
+
+#include "devkit/webapi/description.h"
+#include "tests/description_check.h"
+#include "tests/desk_fixture.h"
+
+namespace desk {
+namespace {
+
+class ConsoleTest : public DeskTest {
+ protected:
+  /// The result, which keeps what the description promises; or what is wrong with the parameters.
+  Json::Value Ask(const std::string& name, const std::string& params = "{}") {
+    try {
+      const Json::Value result = CallDeskMethod(*device, "desk." + name, ParseJson(params));
+      for (const Json::Value& method : Description()["x-desk-methods"]) {
+        if (method["name"] != "desk." + name) continue;
+        EXPECT_EQ(Violation(method["result"]["schema"], result), "");
+      }
+      return result;
+    } catch (const ParamsError& problem) {
+      return problem.what();
+    }
+  }
+  std::string TextOf(const std::string& path) {
+    return Ask("read_file", R"({"path": ")" + path + "\"}")["text"].asString();
+  }
+};
+
+TEST_F(ConsoleTest, DescribedMethodsTakeDescribedParametersOnly) {
+  for (const Json::Value& method : Description()["x-desk-methods"]) {
+    const std::string name = method["name"].asString().substr(5);
+    EXPECT_TRUE(IsDeskMethod("desk." + name)) << name;
+    EXPECT_EQ(Ask(name, R"({"other": 1})").isString(), true) << name;
+    for (const Json::Value& param : method["params"]) {
+      Json::Value wrong;
+      wrong[param["name"].asString()] = Json::nullValue;
+      EXPECT_TRUE(Ask(name, ToLine(wrong)).isString()) << name;
+      EXPECT_EQ(param["required"].asBool() && !Ask(name).isString(), false) << name;
+    }
+  }
+}
+
+TEST_F(ConsoleTest, TheTraceIsGivenFromANumberOn) {
+  device->trace.SetSink([](const auto&, const auto&) {});
+  CallMethod("Upnp/1/get", "{}");
+  const Json::Value all = Ask("trace");
+  const auto count = all["lines"].size();
+  ASSERT_GT(count, 2u);
+  EXPECT_EQ(all["next"], Json::UInt64(count));
+  const Json::Value some = Ask("trace", R"({"after": 1, "limit": 1})");
+  EXPECT_EQ(some["lines"][0], all["lines"][1]);
+  EXPECT_EQ(some["next"], Json::UInt64(2));
+  for (int call = 0; call < 10000; ++call) CallMethod("Upnp/1/get", "{}");
+  const Json::Value later = Ask("trace", R"({"after": 1})");
+  EXPECT_EQ(later["lines"].size(), 1000u);
+  EXPECT_EQ(later["skipped"].asUInt64(), 10001 * count - 10000 - 1);
+}
+
+TEST_F(ConsoleTest, AFaultIsAddedMetAndTakenBack) {
+  EXPECT_NE(Ask("add_fault", R"({"fault": "UpnpConf::Write=1"})").asString().find("type boolean"), std::string::npos);
+  const Json::Value id = Ask("add_fault", R"({"fault": "UpnpConf::Write=fail"})")["id"];
+  EXPECT_EQ(CallMethod("Upnp/1/get", "{}").code, 2900);
+  EXPECT_EQ(Ask("faults")[0]["met"], 1u);
+  EXPECT_EQ(Ask("remove_fault", "{\"id\": " + id.asString() + "}"), true);
+  EXPECT_TRUE(Ask("remove_fault", "{\"id\": " + id.asString() + "}").isString());
+  EXPECT_EQ(CallMethod("Upnp/1/get", "{}").code, 0);
+}
+
+TEST_F(ConsoleTest, AFileIsWrittenReadAndMadeNewAgain) {
+  const std::string path = "/usr/vexa/etc/vexarelayd/upnp.conf";
+  const std::string fresh = TextOf(path);
+  EXPECT_EQ(Ask("write_file", R"({"path": ")" + path + R"(", "text": "{\"enabled\": 1, \"x\": \"\u00e4\\u0000\"}"})"),
+            true);
+  EXPECT_EQ(TextOf(path), "{\"enabled\": 1, \"x\": \"\u00e4\\u0000\"}");
+  EXPECT_EQ(Ask("reset_file", R"({"path": ")" + path + "\"}"), true);
+  EXPECT_EQ(TextOf(path), fresh);
+  Ask("write_file", R"({"path": "/etc/other", "text": ""})");
+  const auto files = Ask("files").size();
+  Ask("reset_file", R"({"path": "/etc/other"})");
+  EXPECT_EQ(Ask("files").size(), files - 1);
+}
+
+TEST_F(ConsoleTest, NothingOutsideTheDeviceIsReached) {
+  Write("etc/secret", "inside");
+  ASSERT_EQ(symlink("/etc", Path("etc/away").c_str()), 0);
+  ASSERT_EQ(symlink(Path("etc/secret").c_str(), Path("etc/link").c_str()), 0);
+  Write("desk/admin-token", "secret");
+  for (const char* path : {"", "/", "etc/secret", "/etc", "/etc/", "/etc/../etc/secret", "/../passwd", "/etc//secret",
+                           "/etc/away/passwd", "/etc/link", "/desk/admin-token", "/no/such", "/etc/secret\\u0000"}) {
+    const std::string params = R"({"path": ")" + std::string(path) + R"(", "text": ""})";
+    EXPECT_TRUE(Ask("write_file", params).isString()) << path;
+    EXPECT_FALSE(Ask("read_file", params.substr(0, params.find(',')) + "}").isObject()) << path;
+    EXPECT_TRUE(Ask("reset_file", params.substr(0, params.find(',')) + "}").isString()) << path;
+  }
+  EXPECT_EQ(Read("etc/secret"), "inside");
+  EXPECT_EQ(Read("desk/admin-token"), "secret");
+  for (const Json::Value& file : Ask("files")) {
+    EXPECT_EQ(file["path"].asString().find("/etc/away") + file["path"].asString().find("/etc/link"),
+              2 * std::string::npos);
+  }
+  Write("etc/bytes", "\xff");
+  EXPECT_TRUE(Ask("read_file", R"({"path": "/etc/bytes"})").isString());
+}
+
+TEST_F(ConsoleTest, StartsAfresh) {
+  StartControlServer();
+  Ask("set_control_script", R"({"script": [{"error": 102}]})");
+  EXPECT_EQ(Ask("control_script")[0]["error"], 102);
+  Ask("set_service", R"({"name": "vexarelayd", "enabled": true})");
+  EXPECT_EQ(Ask("services")["vexarelayd"]["enabled"], true);
+  EXPECT_TRUE(Ask("set_service", R"({"name": "nobody", "enabled": true})").isString());
+  Write("usr/vexa/etc/vexarelayd/vexarelayd.conf.bad", "{");
+  Ask("add_fault", R"({"fault": "VLIBServiceStart=fail"})");
+
+  EXPECT_EQ(Ask("reset"), true);
+  EXPECT_EQ(Ask("control_script"), Json::Value(Json::arrayValue));
+  EXPECT_EQ(Ask("control_state")["accounts"].size(), 2u);
+  EXPECT_EQ(Ask("services")["vexarelayd"]["enabled"], false);
+  EXPECT_FALSE(std::filesystem::exists(Path("usr/vexa/etc/vexarelayd/vexarelayd.conf.bad")));
+  EXPECT_EQ(Ask("faults"), Json::Value(Json::arrayValue));
+}
+
+}  // namespace
+}  // namespace desk
