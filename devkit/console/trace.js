@@ -1,0 +1,143 @@
+// The device's calls: their history, their answers and what they asked of the device.
+
+import {$, ask, askAll, attempt, description, fill, make, on, option, say} from "./desk.js";
+
+const mostRows = 500;
+const mostCalls = 100;
+const mostLines = 1000;  // in one answer
+const mostAnswers = 11;  // hold all lines that the device keeps
+
+let calls = new Map();
+let latest, shown, failing, operations, after = 0;
+
+/** The answer; that to somebody else is found in the trace. */
+function answerOf({answer, lines}) {
+  if (answer) return answer;
+  const {op = "", args: [value] = [-32603]} = lines.findLast(({op}) => op.startsWith("APIResponse::")) ?? {};
+  return op.endsWith("Success") ? {result: value} : {error: description.components.errors[value] ?? {code: value}};
+}
+
+function drawAnswer(call) {
+  const {error, result} = answerOf(call);
+  const log = call.lines.filter(({op}) => op === "syslog").map(({args}) => args[1]);
+  const terms = ["problem", "cause", "remedy"].filter(name => error?.data?.[name]).flatMap(name =>
+    [make("dt", {}, name), make("dd", {className: name}, error.data[name])]);
+  $("answer").replaceChildren(make("h2", {}, "Answer"),
+    make("p", {}, `${call.method}: `, make("b", {className: "code"}, error?.code ?? "success"), ` ${error?.message ?? ""}`),
+    error ? make("dl", {}, ...terms) : make("pre", {className: "result"}, JSON.stringify(result, null, 2)),
+    make("ul", {className: "log"}, ...(error?.data?.log ?? log).map(line => make("li", {}, line))));
+}
+
+function makeRow({op, at, us = 0, args, out, result, thrown, problem, fault}, start, total) {
+  const text = value => JSON.stringify(value) ?? "";
+  const begin = (at - start) * 1000;
+  const bar = make("i", {className: "bar"});
+  bar.style.left = `${100 * begin / total}%`;
+  bar.style.width = `${100 * us / total}%`;
+  return make("li", {className: fault ? "op injected" : "op", data: {op}}, make("b", {}, op),
+    make("code", {}, ` (${args.map(text).join(", ")}) → ${thrown ? "exception" : text(result)}`),
+    make("small", {}, `+${begin / 1000} ms, ${us} µs ${out ? `outputs ${text(out)}` : ""} ${problem ?? ""}`),
+    fault ? make("mark", {}, `injected: ${fault}`) : "",
+    make("button", {className: "fail", ariaLabel: `make this fail: ${op}`, disabled: !operations.has(op),
+      onclick: () => openDialog(op)}, "make this fail"), bar);
+}
+
+function drawTrace({number, lines}) {
+  const start = Math.min(...lines.map(({at}) => at));
+  const total = Math.max(1, ...lines.map(({at, us}) => (at - start) * 1000 + us));
+  const hidden = Math.max(0, lines.length - mostRows);
+  $("trace-note").textContent = `Call ${number}: ${lines.length} lines${hidden ? `, the first ${hidden} left out` : ""}.`;
+  $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, start, total)));
+}
+
+function show(call) {
+  if (shown) shown.button.ariaCurrent = null;
+  call.button.ariaCurrent = "true";
+  shown = call;
+  drawAnswer(call);
+  drawTrace(call);
+}
+
+function makeCall(number, method) {
+  const call = {number, method, lines: []};
+  call.button = make("button", {onclick: () => show(call)}, `${number} ${method}`);
+  calls.set(number || Symbol(), call);
+  $("history").prepend(make("li", {}, call.button));
+  if ($("history").children.length > mostCalls) {
+    $("history").lastChild.remove();
+    calls.delete(calls.keys().next().value);
+  }
+  return call;
+}
+
+const callOf = (number, method) => calls.get(number) ?? makeCall(number, method);
+
+/** Shows an answered call of this page, and its trace. */
+export async function enter(method, {answer, number}) {
+  const call = callOf(number, method);
+  call.answer = answer;
+  latest = call;
+  show(call);
+  await look();
+  if (shown !== call) show(call);
+}
+
+/** The next look begins with the first line. */
+function forget() {
+  after = 0;
+  calls = new Map();
+}
+
+/** A new call is shown at once, unless an older one is being looked at. */
+function take({lines, next}) {
+  if (next < after) return forget();
+  after = next;
+  const follows = shown === latest && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
+  for (const line of lines) {
+    latest = callOf(line.call, line.method);
+    latest.lines.push(line);
+  }
+  if (lines.length && follows) show(latest);
+}
+
+const makeFault = ({id, fault, met}) => make("li", {}, make("code", {}, fault), ` met ${met} `,
+  make("button", {className: "remove", ariaLabel: `remove ${fault}`, onclick: attempt(() => change("remove_fault", {id}))},
+    "remove"));
+
+async function lookNow(isNew) {
+  if (isNew) forget();
+  operations ??= new Map((await ask("operations")).map(({operation, kinds}) => [operation, kinds]));
+  for (let answers = 0; answers < mostAnswers; ++answers) {
+    const [trace, faults] = await askAll(["trace", {after}], ["faults"]);
+    take(trace);
+    fill($("faults"), faults, makeFault);
+    if (trace.lines.length < mostLines) break;
+  }
+  return after;
+}
+
+let looking = Promise.resolve();
+
+/** Shows what is new after what is being fetched, or everything. Gives the number of the last line. */
+export const look = isNew => looking = looking.catch(() => {}).then(() => lookNow(isNew));
+
+async function change(...call) {
+  await ask(...call);
+  await look();
+}
+
+function openDialog(op) {
+  failing = op;
+  $("fail-title").textContent = `Make ${op} fail`;
+  fill($("fail-kind"), operations.get(op), option);
+  $("fail-dialog").returnValue = "";
+  $("fail-dialog").showModal();
+}
+
+on("fail-dialog", "close", async ({target}) => {
+  if (!target.returnValue) return;
+  const place = {once: "@1", always: "", nth: `@${$("fail-n").value}`}[$("fail-when").value];
+  await change("add_fault", {fault: `${failing}=${$("fail-kind").value}${place}`});
+  say(`${failing} will fail.`);
+});
+on("clear-faults", "click", () => change("clear_faults"));
