@@ -36,11 +36,10 @@ export const attempt = work => async event => {
 
 export const on = (id, type, work) => $(id).addEventListener(type, attempt(work));
 
+/** What to do, where the text of the refusal does not tell. */
 const advice = {
   0: "The desk device does not answer. Start it with script/server.",
   401: "Each start makes a new one: open the address that serve prints, or enter what desk/admin-token holds.",
-  403: "Open the address that serve prints.",
-  503: "This page tries again by itself.",
 };
 
 function refuse(status, text = "") {

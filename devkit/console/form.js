@@ -66,6 +66,7 @@ on("call-form", "submit", async event => {
   await enter($("method").value, await post(request(), isAdmin()));
 });
 on("copy-curl", "click", async () => {
+  getSelection().selectAllChildren($("curl"));
   await navigator.clipboard.writeText($("curl").textContent);
   say("Copied.");
 });

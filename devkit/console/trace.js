@@ -28,15 +28,14 @@ function drawAnswer(call) {
     make("ul", {className: "log"}, ...(error?.data?.log ?? log).map(line => make("li", {}, line))));
 }
 
-function makeRow({op, at, us = 0, args, out, result, thrown, problem, fault}, start, total) {
-  const text = value => JSON.stringify(value) ?? "";
-  const begin = (at - start) * 1000;
+function makeRow({op, at, us, args, out, result, thrown, problem, fault}, start, total) {
+  const text = value => JSON.stringify(value);
   const bar = make("i", {className: "bar"});
-  bar.style.left = `${100 * begin / total}%`;
+  bar.style.left = `${100000 * (at - start) / total}%`;
   bar.style.width = `${100 * us / total}%`;
   return make("li", {className: fault ? "op injected" : "op", data: {op}}, make("b", {}, op),
     make("code", {}, ` (${args.map(text).join(", ")}) → ${thrown ? "exception" : text(result)}`),
-    make("small", {}, `+${begin / 1000} ms, ${us} µs ${out ? `outputs ${text(out)}` : ""} ${problem ?? ""}`),
+    make("small", {}, `+${at - start} ms, ${us} µs ${out ? `outputs ${text(out)}` : ""} ${problem ?? ""}`),
     fault ? make("mark", {}, `injected: ${fault}`) : "",
     make("button", {className: "fail", ariaLabel: `make this fail: ${op}`, disabled: !operations.has(op),
       onclick: () => openDialog(op)}, "make this fail"), bar);
@@ -46,7 +45,8 @@ function drawTrace({number, lines}) {
   const start = Math.min(...lines.map(({at}) => at));
   const total = Math.max(1, ...lines.map(({at, us}) => (at - start) * 1000 + us));
   const hidden = Math.max(0, lines.length - mostRows);
-  $("trace-note").textContent = `Call ${number}: ${lines.length} lines${hidden ? `, the first ${hidden} left out` : ""}.`;
+  $("trace-note").textContent = `Call ${number || "without a number"}: ${lines.length} lines` +
+    (hidden ? `, the first ${hidden} left out` : "");
   $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, start, total)));
 }
 
@@ -72,17 +72,17 @@ function makeCall(number, method) {
 
 const callOf = (number, method) => calls.get(number) ?? makeCall(number, method);
 
-/** Shows an answered call of this page, and its trace. */
+/** Shows an answered call of this page, and its trace where that can be had. */
 export async function enter(method, {answer, number}) {
-  const call = callOf(number, method);
-  call.answer = answer;
-  latest = call;
-  show(call);
-  await look();
-  if (shown !== call) show(call);
+  try {
+    await look();
+  } finally {
+    latest = callOf(number, method);
+    latest.answer = answer;
+    show(latest);
+  }
 }
 
-/** The next look begins with the first line. */
 function forget() {
   after = 0;
   calls = new Map();
