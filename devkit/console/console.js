@@ -2,10 +2,10 @@
 
 import {$, keepToken, on, say, token} from "./desk.js";
 import {loadMethods} from "./form.js";
-import {look} from "./trace.js";
+import {forget, look} from "./trace.js";
 import {lookAround} from "./device.js";
 
-let isBusy = false, isLost = true, refused, known, seen;
+let isBusy = false, isLost = true, refused;
 
 function takeToken() {
   const [, given] = location.hash.match(/^#token=(.+)/) ?? [];
@@ -14,15 +14,12 @@ function takeToken() {
   history.replaceState(null, "", "/");
 }
 
-async function update(used) {
+async function update() {
   if (isLost) await loadMethods();
-  const last = await look(used !== known);
-  known = used;
-  if (isLost || seen !== last) await lookAround();
-  seen = last;
+  await look();
+  await lookAround();
   if (isLost) say("The desk device answers.");
   isLost = false;
-  $("token-form").hidden = true;
 }
 
 /** Sends no token again that was refused. */
@@ -31,13 +28,16 @@ async function tick() {
   if (isBusy || document.hidden || used === refused) return;
   isBusy = true;
   try {
-    await update(used);
+    await update();
   } catch (problem) {
     say(problem.message);
     isLost = true;
-    if (problem.status === 401) refused = used;
-    $("token-form").hidden = used !== refused;
+    if (problem.status === 401) {
+      refused = used;
+      forget();
+    }
   }
+  $("token-form").hidden = used !== refused;
   isBusy = false;
 }
 

@@ -11,21 +11,21 @@ export function make(tag, {data, ...properties}, ...children) {
 
 export const option = name => make("option", {}, name);
 
-/** Replaces what is in a list when `data` changed, and keeps the focus at its place. */
+/** Replaces a list's items when `data` changed, and keeps the focus. */
 export function fill(list, data, makeItem) {
   const text = JSON.stringify(data);
   if (list.data === text) return;
   list.data = text;
   const place = [...list.children].findIndex(item => item.contains(document.activeElement));
   list.replaceChildren(...data.map(makeItem));
-  list.children[place]?.querySelector("button")?.focus();
+  if (place >= 0) (list.children[place] ?? list.parentNode).querySelector("button").focus();
 }
 
 export function say(text) {
   if ($("status").textContent !== text) $("status").textContent = text;
 }
 
-/** `work` for an event, with what went wrong said in the page. */
+/** `work`, with what went wrong said in the page. */
 export const attempt = work => async event => {
   try {
     await work(event);
@@ -36,14 +36,14 @@ export const attempt = work => async event => {
 
 export const on = (id, type, work) => $(id).addEventListener(type, attempt(work));
 
-/** What to do, where the text of the refusal does not tell. */
+/** What to do, where the refusal does not tell. */
 const advice = {
-  0: "The desk device does not answer. Start it with script/server.",
+  0: "Start it with script/server.",
   401: "Each start makes a new one: open the address that serve prints, or enter what desk/admin-token holds.",
 };
 
-function refuse(status, text = "") {
-  throw Object.assign(new Error(`${text} ${advice[status] ?? ""}`), {status});
+function refuse(status, text = "The desk device does not answer") {
+  throw Object.assign(new Error(`${text.trim()}. ${advice[status] ?? ""}`), {status});
 }
 
 export const token = () => sessionStorage.getItem("token") ?? "";
@@ -63,7 +63,7 @@ export async function post(body, isAdmin) {
 }
 
 function resultOf({error, result}) {
-  if (error) throw new Error(`${error.data.problem ?? error.message}. ${error.data.remedy}`);
+  if (error) throw new Error(error.data.problem ?? `${error.message}. ${error.data.remedy}`);
   return result;
 }
 

@@ -56,6 +56,8 @@ on("files", "click", async ({target: {dataset}}) => {
 
 on("file-save", "click", async () => {
   const text = $("file-text").value;
+  const now = await ask("read_file", {path}).catch(() => ({}));
+  if (now.text !== stored && !confirm(`${path} has changed meanwhile. Destroy that?`)) return;
   await ask("write_file", {path, text});
   stored = text;
   mark();

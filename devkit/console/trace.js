@@ -1,4 +1,4 @@
-// The device's calls: their history, their answers and what they asked of the device.
+// The device's calls: their answers and traces.
 
 import {$, ask, askAll, attempt, description, fill, make, on, option, say} from "./desk.js";
 
@@ -60,7 +60,7 @@ function show(call) {
 
 function makeCall(number, method) {
   const call = {number, method, lines: []};
-  call.button = make("button", {onclick: () => show(call)}, `${number} ${method}`);
+  call.button = make("button", {onclick: () => show(call)}, `${number || "–"} ${method}`);
   calls.set(number || Symbol(), call);
   $("history").prepend(make("li", {}, call.button));
   if ($("history").children.length > mostCalls) {
@@ -83,7 +83,8 @@ export async function enter(method, {answer, number}) {
   }
 }
 
-function forget() {
+/** Makes the next look begin with the first line. */
+export function forget() {
   after = 0;
   calls = new Map();
 }
@@ -104,8 +105,7 @@ const makeFault = ({id, fault, met}) => make("li", {}, make("code", {}, fault), 
   make("button", {className: "remove", ariaLabel: `remove ${fault}`, onclick: attempt(() => change("remove_fault", {id}))},
     "remove"));
 
-async function lookNow(isNew) {
-  if (isNew) forget();
+async function lookNow() {
   operations ??= new Map((await ask("operations")).map(({operation, kinds}) => [operation, kinds]));
   for (let answers = 0; answers < mostAnswers; ++answers) {
     const [trace, faults] = await askAll(["trace", {after}], ["faults"]);
@@ -113,13 +113,12 @@ async function lookNow(isNew) {
     fill($("faults"), faults, makeFault);
     if (trace.lines.length < mostLines) break;
   }
-  return after;
 }
 
 let looking = Promise.resolve();
 
-/** Shows what is new after what is being fetched, or everything. Gives the number of the last line. */
-export const look = isNew => looking = looking.catch(() => {}).then(() => lookNow(isNew));
+/** Shows what is new, after any look under way. */
+export const look = () => looking = looking.catch(() => {}).then(lookNow);
 
 async function change(...call) {
   await ask(...call);
