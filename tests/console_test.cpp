@@ -68,6 +68,7 @@ TEST_F(ConsoleTest, AFaultIsAddedMetAndTakenBack) {
   EXPECT_EQ(Ask("faults")[0]["met"], 1u);
   EXPECT_EQ(Ask("remove_fault", "{\"id\": " + id.asString() + "}"), true);
   EXPECT_TRUE(Ask("remove_fault", "{\"id\": " + id.asString() + "}").isString());
+  EXPECT_TRUE(Ask("remove_fault", R"({"id": 18446744073709551615})").isString());
   EXPECT_EQ(CallMethod("Upnp/1/get", "{}").code, 0);
 }
 

@@ -68,7 +68,7 @@ void Write(const fs::path& file, const std::string& text) {
 }
 
 Json::Value GetTrace(Device& device, const Json::Value& params) {
-  const unsigned limit = std::min(params.get("limit", kMostLines).asUInt(), kMostLines);
+  const Json::UInt64 limit = std::min<Json::UInt64>(params.get("limit", kMostLines).asUInt64(), kMostLines);
   return device.trace.Recent(params.get("after", 0).asUInt64(), limit);
 }
 
@@ -87,7 +87,8 @@ Json::Value AddFault(Device& device, const Json::Value& params) {
 }
 
 Json::Value RemoveFault(Device& device, const Json::Value& params) {
-  if (!device.faults.Remove(params["id"].asUInt())) throw ParamsError("there is no fault of this id");
+  if (!params["id"].isUInt() || !device.faults.Remove(params["id"].asUInt()))
+    throw ParamsError("there is no fault of this id");
   return true;
 }
 
@@ -218,7 +219,7 @@ bool HasType(const Json::Value& value, const std::string& type) {
   if (type == "string") return value.isString();
   if (type == "boolean") return value.isBool();
   if (type == "array") return value.isArray();
-  return type == "integer" && value.isUInt();
+  return type == "integer" && value.isUInt64();
 }
 
 /// Holds parameters against the description.

@@ -182,8 +182,10 @@ int chmod(const char* path, mode_t mode) noexcept {
 int usleep(useconds_t microseconds) {
   static const auto real = Real("usleep", &usleep);
   if (desk::current_call == 0) return real(microseconds);
+  desk::Line line("usleep", Args(microseconds));
   Device::Get().Sleep(std::chrono::microseconds(microseconds));
-  Record("usleep", Args(microseconds), 0);
+  line["result"] = 0;
+  line.Record();
   return 0;
 }
 
