@@ -71,6 +71,36 @@ TEST_F(HostTest, TraceAndLogGoToStandardError) {
   EXPECT_NE(traced.out.find("log: tunnelbridge.v1:119 load config failed\n"), std::string::npos) << traced.out;
 }
 
+TEST_F(HostTest, ATraceIsShownToPeopleAndToViewers) {
+  const std::string file = " '" + Path("desk/trace").string() + "' ";
+  CallCommand("--trace" + file + "--fault UpnpConf::Write=fail VEXA.Core.TunnelBridge.Upnp 1 get 2>&1");
+  const std::string tree = RunHost("trace" + file).out;
+  EXPECT_EQ(tree.rfind("call 1  VEXA.Core.TunnelBridge.Upnp/1/get\n", 0), 0u) << tree;
+  EXPECT_NE(tree.find(" us  UpnpConf::Write(true) = false"), std::string::npos) << tree;
+  EXPECT_NE(tree.find("  injected: UpnpConf::Write=fail\n"), std::string::npos) << tree;
+
+  const Json::Value events = ParseJson(RunHost("trace --events" + file).out)["traceEvents"];
+  Json::Int64 end = 0;
+  for (const Json::Value& event : events) {
+    EXPECT_EQ(event["tid"], 1);
+    EXPECT_GE(event["ts"].asInt64(), end) << "in order, and none within another";
+    end = event["ts"].asInt64() + event["dur"].asInt64();
+  }
+  EXPECT_EQ(events.size(), std::count(tree.begin(), tree.end(), '\n') - 1);
+  Write("desk/trace", "oops\n");
+  const Finished none = RunHost("trace - 2>&1 <" + file);
+  EXPECT_EQ(none.code, 1);
+  EXPECT_EQ(none.out, "webapi-host: line 1 is no line of a trace and is left out\n");
+}
+
+TEST_F(HostTest, ALongTraceBecomesAnEarlierOne) {
+  const std::string full(16 << 20, '\n');
+  Write("desk/trace", full);
+  CallCommand("--trace '" + Path("desk/trace").string() + "' VEXA.Core.TunnelBridge.Upnp 1 get");
+  EXPECT_TRUE(Read("desk/trace.1") == full);
+  EXPECT_EQ(Read("desk/trace").rfind("{\"args\":", 0), 0u);
+}
+
 TEST_F(HostTest, APortInUseIsAMistakeOfTheCaller) {
   http::Server first;
   const std::string port = std::to_string(first.Start(0));

@@ -89,6 +89,16 @@ TEST_F(StorageTest, AFileThatCannotBeReadOrWrittenStaysAsItIs) {
   }
 }
 
+TEST_F(StorageTest, TheModuleWaitsForNoPipe) {
+  for (const char* file : {kConf, kServices}) {
+    fs::remove(Path(file));
+    ASSERT_EQ(mkfifo(Path(file).c_str(), 0600), 0);
+  }
+  for (const char* method : {"1/get", "Permission/1/get", "Permission/1/set"}) {
+    EXPECT_EQ(CallMethod(method, R"({"services": []})").code, 2900) << method;
+  }
+}
+
 TEST_F(StorageTest, ANewFileWithSecretsIsItsOwnersOnly) {
   StartControlServer();
   for (const char* file : {kAuth, kAccount, "desk/control-server/state.json"}) {

@@ -216,7 +216,7 @@ Json::Value ControlServer::TakeStep(const std::string& command) {
   const std::filesystem::path file = folder_ / "script.json";
   const Json::Value steps = LoadJson(file).value_or(Json::arrayValue);
   if (!steps.isArray()) {
-    std::cerr << "control server: " << file << " is no JSON array; ignored\n";
+    std::cerr << "webapi-host: " << file << " is no JSON array and is ignored\n";
     return Json::Value();
   }
   Json::Value rest(Json::arrayValue);

@@ -79,8 +79,8 @@ int Traced(const char* name, const Json::Value& args, Work work) {
   return desk::Operation(name, args).Run(work);
 }
 
-/// Descriptors of the device's open files.
-std::array<std::atomic<bool>, 1024> device_files{};
+/// Descriptors of the device's open files, as many as a server allows itself.
+std::array<std::atomic<bool>, 4096> device_files{};
 
 bool IsDeviceFile(int file) {
   return file >= 0 && static_cast<size_t>(file) < device_files.size() && device_files[static_cast<size_t>(file)];
@@ -91,10 +91,20 @@ void MarkDeviceFile(FILE* stream, bool open) {
   if (file >= 0 && static_cast<size_t>(file) < device_files.size()) device_files[static_cast<size_t>(file)] = open;
 }
 
+/// Whether opening the file could wait for somebody else.
+bool IsPipe(const std::string& place) {
+  struct stat status;
+  return stat(place.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 FILE* Open(const char* path, const char* mode, FILE* (*open)(const char*, const char*)) {
   if (!IsOfDevice(path)) return open(path, mode);
   const std::string place = Locate(path);
-  FILE* stream = FileFunction<FILE*>("fopen", Args(path, mode), nullptr, [&] { return open(place.c_str(), mode); });
+  FILE* stream = FileFunction<FILE*>("fopen", Args(path, mode), nullptr, [&]() -> FILE* {
+    if (!IsPipe(place)) return open(place.c_str(), mode);
+    errno = EINVAL;
+    return nullptr;
+  });
   MarkDeviceFile(stream, true);
   return stream;
 }
