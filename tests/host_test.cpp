@@ -371,6 +371,7 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(head + "Content-Length: -1\r\n"), 400},
       {Post(head + "Content-Length: 7f\r\n"), 400},
       {Post(coded, "4z\r\n"), 400},
+      {Post(coded, "5;" + megabyte), 400},
       {Post(std::string("Connection: close\r\n") + kJson), 400},
       {Post(std::string("Host: desk.example\r\nConnection: close\r\n") + kJson), 403},
       {Post(head + "Origin: http://localhost:1\r\n"), 403},

@@ -5,6 +5,7 @@
 #include <microhttpd.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -65,6 +67,14 @@ struct Connection {
     if (!std::exchange(begun, true)) since = Clock::now();
   }
 
+  /// Whether bytes wait to be read and none was part of the body since the last look: the library has no room for
+  /// what stands between two chunks, and would try to read it over and over.
+  bool Stalls() {
+    int waiting = 0;
+    const bool stands = std::exchange(seen_bytes, body_bytes) == body_bytes;
+    return stage == Stage::kReceiving && stands && ioctl(socket, FIONREAD, &waiting) == 0 && waiting > 0;
+  }
+
   /// Answers where the library would not, and ends the connection.
   void Dismiss(const Response& last) const {
     const std::string text =
@@ -84,6 +94,8 @@ struct Connection {
   /// What had come when the connection began to idle.
   std::uint64_t idle_bytes;
   size_t body_bytes = 0;
+  /// Of the body, when it was looked at last.
+  size_t seen_bytes = std::numeric_limits<size_t>::max();
   Request request;
   std::optional<Response> response;
 };
@@ -260,6 +272,8 @@ class Server::Loop {
     for (auto& [handle, connection] : connections_) {
       if (connection.stage == Stage::kAtWork) continue;
       if (BytesReceived(connection.socket) > connection.idle_bytes) connection.Begin();
+      if (connection.Stalls())
+        connection.Dismiss(Refusal(400, "what stands between the chunks of the body is too long"));
       if (now - connection.since < (ending_ ? kFarewell : kPatience)) continue;
       connection.since = now;
       if (connection.begun && connection.stage != Stage::kAnswering) {
