@@ -14,6 +14,7 @@
 #include <set>
 
 #include "tests/description_check.h"
+#include "devkit/device/operation.h"
 #include "tests/desk_fixture.h"
 
 namespace {
@@ -108,9 +109,7 @@ bool MayLeadTo(const std::string& method, const std::string& operation, const st
     if (outcomes == meanings.end()) continue;
     return std::find(outcomes->second.begin(), outcomes->second.end(), outcome) != outcomes->second.end();
   }
-  const size_t colons = operation.find("::");
-  const bool makes = colons != std::string::npos && operation.substr(0, colons) == operation.substr(colons + 2);
-  return outcome == (makes ? "throws" : "2900");
+  return outcome == (IsConstructor(operation) ? "throws" : "2900");
 }
 
 /// Whether every member of `now` is as it was before the call or as a good call leaves it, and none is lost.

@@ -1,6 +1,7 @@
 #include "devkit/host/check.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -11,8 +12,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <random>
 #include <set>
@@ -36,10 +37,14 @@ constexpr unsigned kDeepLevels = 1500;
 constexpr int kNotAdministrator = 105;
 constexpr auto kPoll = std::chrono::milliseconds(1);
 constexpr unsigned kThreadPolls = 100;
+constexpr unsigned kMostLeftovers = 10000;
+constexpr int kFirstNumber = 500;
 
 /// Lies in memory that a child process shares with its parent, so that nothing is lost however the child ends.
 struct Report {
   bool json;
+  /// Where findings go: standard output, under a number that a module does not come across.
+  int out;
   char subject[128] = {};
   char step[160] = {};
   char error[512] = {};
@@ -48,16 +53,27 @@ struct Report {
   bool loaded = false;
   bool finished = false;
   bool broken = false;
+  unsigned checks = 0;
+  unsigned failures = 0;
 
   void Print(const std::string& check, bool holds, const std::string& detail) {
     broken = broken || !holds;
+    ++checks;
+    failures += holds ? 0 : 1;
     Json::Value line;
     line["subject"] = subject;
     line["check"] = check;
     line["ok"] = holds;
     line["detail"] = detail;
     const std::string words = (holds ? "ok    " : "FAIL  ") + std::string(subject) + "  " + check;
-    std::cout << (json ? ToLine(line) : detail.empty() ? words : words + ": " + detail) << std::endl;
+    Write(json ? ToLine(line) : detail.empty() ? words : words + ": " + detail);
+  }
+
+  void Write(const std::string& words) const {
+    const std::string line = words + "\n";
+    if (write(out, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+      throw std::system_error(errno, std::generic_category(), "standard output");
+    }
   }
 };
 
@@ -137,9 +153,7 @@ std::string ListOperations(const std::vector<Json::Value>& trace) {
   std::string list;
   for (const Json::Value& line : trace) {
     const std::string name = line["op"].asString();
-    const size_t scope = name.find("::");
-    const bool constructs = scope != std::string::npos && name.substr(scope + 2) == name.substr(0, scope);
-    if (!constructs) list.append(name).append(" ");
+    if (!IsConstructor(name)) list.append(name).append(" ");
   }
   return list;
 }
@@ -278,6 +292,17 @@ std::string Await(pid_t child, const Report& report, std::chrono::seconds limit)
   return "the process left with exit code " + std::to_string(WEXITSTATUS(status));
 }
 
+/// Ends the processes that a child left to this one. False when there were none.
+bool EndLeftovers() {
+  const std::string list = "/proc/self/task/" + std::to_string(getpid()) + "/children";
+  unsigned ended = 0;
+  for (pid_t left = 0; ended < kMostLeftovers && std::ifstream(list) >> left; ++ended) {
+    kill(left, SIGKILL);
+    waitpid(left, nullptr, 0);
+  }
+  return ended > 0;
+}
+
 /// Does `work` in a child process with a new desk device, and reports whether it came to its end.
 void RunChild(const CheckOptions& options, Report& report, const std::function<void()>& work) {
   std::string folder = fs::temp_directory_path() / "webapi-check-XXXXXX";
@@ -295,6 +320,9 @@ void RunChild(const CheckOptions& options, Report& report, const std::function<v
   if (child == -1) throw std::system_error(errno, std::generic_category(), "fork");
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // Whatever the module prints is not for the reader of the findings.
+    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(nowhere, stream);
     // Lets a sanitizer start its own thread now, so that it does not count as the module's.
     std::thread([] {}).join();
     try {
@@ -310,6 +338,8 @@ void RunChild(const CheckOptions& options, Report& report, const std::function<v
   const std::string problem = report.finished ? "" : report.error[0] != '\0' ? report.error : ending;
   if (!report.loaded) throw ModuleError("cannot load '" + options.module.string() + "': " + problem);
   report.Print("returns", report.finished, problem);
+  const bool left = EndLeftovers();
+  report.Print("processes", !left, left ? "a process was left behind, and ended" : "");
 }
 
 }  // namespace
@@ -318,18 +348,28 @@ bool CheckModule(const CheckOptions& options) {
   const auto unmap = [](Report* memory) { munmap(memory, sizeof(Report)); };
   void* memory = mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
-  const std::unique_ptr<Report, decltype(unmap)> report(new (memory) Report{options.json, "module"}, unmap);
+  const int out = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, kFirstNumber);
+  const std::unique_ptr<Report, decltype(unmap)> report(new (memory) Report{options.json, out, "module"}, unmap);
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
 
   // Neither a reader that goes away nor a signal may keep the folders from being removed.
   std::signal(SIGPIPE, SIG_IGN);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, [](int number) { end_signal = number; });
-  std::cout << (options.json ? "{\"seed\":" : "seed  ") << options.seed << (options.json ? "}" : "") << std::endl;
+  const std::string seed = std::to_string(options.seed);
+  report->Write(options.json ? "{\"seed\":" + seed + "}" : "seed  " + seed);
   RunChild(options, *report, [&] { CheckTable(options.module, *report); });
   const unsigned methods = report->broken ? 0 : report->rows;
   for (unsigned index = 0; index < methods; ++index) {
     Copy(report->subject, "row " + std::to_string(index + 1));
     RunChild(options, *report, [&] { CheckMethod(options, index, *report); });
   }
+  Json::Value verdict;
+  verdict["checks"] = report->checks;
+  verdict["failures"] = report->failures;
+  verdict["seed"] = options.seed;
+  report->Write(options.json ? ToLine(verdict)
+                             : std::to_string(report->checks) + " checks, " + std::to_string(report->failures) +
+                                   " failures, seed " + seed);
   return !report->broken;
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
@@ -39,6 +40,13 @@ void Work(const Json::Value& value) {
   if (Breaks("kExits") && IsDeep(value)) _exit(0);
   if (Breaks("kLeavesFileOpen") && value.isBool()) open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (Breaks("kLeavesThread") && value.isInt()) std::thread(Stop).detach();
+  if (Breaks("kLeavesProcess") && value.isInt() && fork() == 0) {
+    setsid();
+    if (fork() == 0) Stop();
+    _exit(0);
+  }
+  for (int line = 0; Breaks("kClosesOutput") && line < 1000; ++line) std::puts("ok    module  loads");
+  if (Breaks("kClosesOutput")) close(STDOUT_FILENO);
   std::thread([] {}).join();
 }
 
