@@ -13,8 +13,8 @@
 #include <new>
 #include <set>
 
-#include "tests/description_check.h"
 #include "devkit/device/operation.h"
+#include "tests/description_check.h"
 #include "tests/desk_fixture.h"
 
 namespace {

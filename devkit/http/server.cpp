@@ -67,12 +67,13 @@ struct Connection {
     if (!std::exchange(begun, true)) since = Clock::now();
   }
 
-  /// Whether bytes wait to be read and none was part of the body since the last look: the library has no room for
+  /// Whether bytes waited to be read at two looks in a row while none of the body was: the library has no room for
   /// what stands between two chunks, and would try to read it over and over.
   bool Stalls() {
     int waiting = 0;
-    const bool stands = std::exchange(seen_bytes, body_bytes) == body_bytes;
-    return stage == Stage::kReceiving && stands && ioctl(socket, FIONREAD, &waiting) == 0 && waiting > 0;
+    const bool stands = std::exchange(seen_bytes, body_bytes) == body_bytes && stage == Stage::kReceiving;
+    stalls = stands && ioctl(socket, FIONREAD, &waiting) == 0 && waiting > 0 ? stalls + 1 : 0;
+    return stalls > 1;
   }
 
   /// Answers where the library would not, and ends the connection.
@@ -96,6 +97,7 @@ struct Connection {
   size_t body_bytes = 0;
   /// Of the body, when it was looked at last.
   size_t seen_bytes = std::numeric_limits<size_t>::max();
+  unsigned stalls = 0;
   Request request;
   std::optional<Response> response;
 };
