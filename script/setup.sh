@@ -1,7 +1,7 @@
 # Sourced by the scripts beside it: answers --help, moves to the top of the repository, and defines what they share.
 set -euo pipefail
 
-desk_packages=(libjsoncpp-dev libssl-dev libcurl4-openssl-dev libmicrohttpd-dev libcli11-dev)
+desk_packages=(libjsoncpp-dev libssl-dev libcurl4-openssl-dev libmicrohttpd-dev libcli11-dev nlohmann-json3-dev)
 library_packages=("${desk_packages[@]}" libgtest-dev)
 tools=(g++ cmake ninja-build pkg-config)
 build_packages=("${tools[@]}" jq "${library_packages[@]}")

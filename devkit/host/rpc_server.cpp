@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <charconv>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "devkit/console/methods.h"
@@ -124,6 +125,12 @@ std::string AnswerAll(const Module& module, const Json::Value& batch, const std:
   return replies.empty() ? "" : replies + "]";
 }
 
+/// jsoncpp also takes comments, numbers such as 01, any bytes within a text, and a byte order mark, which it does not
+/// count where it says at which place a value stands.
+bool IsStrictJson(const std::string& text) {
+  return text.rfind("\xEF\xBB\xBF", 0) != 0 && nlohmann::json::accept(text);
+}
+
 /// Takes the same time whatever the token is.
 bool IsToken(const std::string& authorization, const std::string& token) {
   constexpr char kScheme[] = "Bearer ";
@@ -160,7 +167,8 @@ http::Response RpcServer::Serve(const http::Request& request) const {
   }
   Json::Value body;
   std::string problem;
-  if (!ParseJson(request.body, body, problem)) {
+  if (!ParseJson(request.body, body, problem) || !IsStrictJson(request.body)) {
+    if (problem.empty()) problem = "it has a comment, a number or bytes that JSON does not have";
     return {200, ErrorReply("null", kParseError, "the body is no JSON: " + problem) + "\n"};
   }
   unsigned call = 0;
