@@ -2,6 +2,7 @@
 
 #include <json/reader.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -110,7 +111,10 @@ bool ParseJson(const std::string& text, Json::Value& value, std::string& problem
     return false;
   }
   // jsoncpp calls a number broken for which it had no memory: the second attempt has it, or throws.
-  if (!ParseOnce(text, value, problem) && !ParseOnce(text, value, problem)) return false;
+  if (!ParseOnce(text, value, problem) && !ParseOnce(text, value, problem)) {
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
+    return false;
+  }
   if (!HasNulInName(value)) return true;
   problem = "the name of a member holds a NUL byte";
   return false;
