@@ -151,7 +151,8 @@ TEST_F(HostTest, AFolderIsServedOnce) {
 }
 
 TEST_F(HostTest, WrongWordsAreNamed) {
-  for (const char* words : {"foo", "list foo", "", "serve --foo", "call --as root a 1 b"}) {
+  for (const char* words : {"serve --allow-origin http://desk.example:3000/", "serve --allow-origin desk", "foo",
+                            "list foo", "", "serve --foo", "call --as root a 1 b"}) {
     const Finished finished = RunHost(std::string(words) + " 2>&1");
     EXPECT_EQ(finished.code, 2) << words;
     EXPECT_EQ(finished.out.rfind("webapi-host: ", 0), 0u) << finished.out;
@@ -281,7 +282,9 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
       {R"({"params": [{"\u0000": 1}]})", error("-32700", "null")},
       {R"({"id": 1, "id": 2})", error("-32700", "null")},
       {R"({"id": 1,})", error("-32700", "null")},
-      {"\xEF\xBB\xBF" R"({"jsonrpc": "2.0", "id": "abc", $})", error("-32700", "null")},
+      {"\xEF\xBB\xBF"
+       R"({"jsonrpc": "2.0", "id": "abc", $})",
+       error("-32700", "null")},
       {R"({"jsonrpc": "2.0", "id": 01, $})", error("-32700", "null")},
       {R"({"jsonrpc": "2.0", "id": 1, $, "params": {"a": 1.}})", error("-32700", "null")},
       {R"({"jsonrpc": "2.0", "id": 1 /**/, $})", error("-32700", "null")},

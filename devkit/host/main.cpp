@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <regex>
 
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/device.h"
@@ -265,6 +266,11 @@ std::string FindFaultProblem(const std::string& fault) {
   }
 }
 
+std::string FindOriginProblem(const std::string& origin) {
+  static const std::regex form("https?://[a-z0-9.-]+(:[0-9]{1,5})?");
+  return std::regex_match(origin, form) ? "" : "'" + origin + "' is no origin; write it as http://localhost:3000";
+}
+
 void AddDeviceOptions(CLI::App& command, Options& options) {
   command.add_option("--root", options.root, "Folder of the desk device; a missing or empty one becomes a new device")
       ->capture_default_str();
@@ -304,6 +310,7 @@ int Run(int argc, char** argv) {
   AddModuleOption(*serve, options);
   AddDeviceOptions(*serve, options);
   serve->add_option("--allow-origin", options.origins, "Admit web pages of this origin; may be repeated")
+      ->check(FindOriginProblem, "")
       ->allow_extra_args(false);
   serve->add_option("--port", options.port, "Port; 0 for a free one")
       ->check(CLI::Range(0, 65535))
