@@ -11,6 +11,8 @@
 namespace desk {
 namespace {
 
+namespace fs = std::filesystem;
+
 class ConsoleTest : public DeskTest {
  protected:
   /// The result, which keeps what the description promises; or what is wrong with the parameters.
@@ -104,6 +106,11 @@ TEST_F(ConsoleTest, NothingOutsideTheDeviceIsReached) {
     EXPECT_EQ(file["path"].asString().find("/etc/away") + file["path"].asString().find("/etc/link"),
               2 * std::string::npos);
   }
+  StartControlServer();
+  fs::rename(Path("desk/control-server"), Path("etc/outside"));
+  fs::create_directory_symlink(Path("etc/outside"), Path("desk/control-server"));
+  EXPECT_TRUE(Ask("set_control_script", R"({"script": []})").isString());
+  EXPECT_FALSE(Exists("etc/outside/script.json"));
   Write("etc/bytes", "\xff");
   EXPECT_TRUE(Ask("read_file", R"({"path": "/etc/bytes"})").isString());
 }

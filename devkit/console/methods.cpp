@@ -48,7 +48,7 @@ fs::path Place(const Device& device, const std::string& path) {
 std::vector<std::string> ListPaths(const Device& device) {
   std::vector<std::string> paths;
   for (const auto& entry : fs::recursive_directory_iterator(device.Root())) {
-    if (!entry.is_regular_file() || entry.is_symlink() || paths.size() == kMostFiles) continue;
+    if (!entry.is_regular_file() || entry.is_symlink()) continue;
     const std::string path = "/" + entry.path().lexically_relative(device.Root()).string();
     if (!IsServers(path)) paths.push_back(path);
   }
@@ -100,6 +100,7 @@ Json::Value ClearFaults(Device& device, const Json::Value&) {
 Json::Value GetFiles(Device& device, const Json::Value&) {
   Json::Value list(Json::arrayValue);
   for (const std::string& path : ListPaths(device)) {
+    if (list.size() == kMostFiles) break;
     struct stat status;
     if (lstat(device.Locate(path).c_str(), &status) != 0) continue;
     char mode[8];
@@ -139,7 +140,7 @@ void RemoveFile(const fs::path& file) {
 /// A control server reads its files at every request.
 void FillNewControlServer(const Device& device) {
   const fs::path folder = device.Locate(kControlFolder);
-  if (fs::is_directory(folder)) ControlServer::FillNew(folder);
+  if (fs::is_directory(fs::symlink_status(folder))) ControlServer::FillNew(folder);
 }
 
 Json::Value ResetFile(Device& device, const Json::Value& params) {
@@ -160,7 +161,7 @@ Json::Value Reset(Device& device, const Json::Value&) {
 }
 
 Json::Value ReadJson(const Device& device, const std::string& path) {
-  return LoadJson(device.Locate(path)).value_or(Json::Value());
+  return LoadJson(Place(device, path)).value_or(Json::Value());
 }
 
 Json::Value GetServices(Device& device, const Json::Value&) { return ReadJson(device, kServicesPath); }
@@ -173,7 +174,7 @@ Json::Value SetService(Device& device, const Json::Value& params) {
   for (const char* member : {"enabled", "running"}) {
     if (params.isMember(member)) states[name][member] = params[member];
   }
-  Write(device.Locate(kServicesPath), states.toStyledString());
+  Write(Place(device, kServicesPath), states.toStyledString());
   return true;
 }
 
@@ -187,9 +188,9 @@ Json::Value GetControlScript(Device& device, const Json::Value&) {
 }
 
 Json::Value SetControlScript(Device& device, const Json::Value& params) {
-  const fs::path folder = device.Locate(kControlFolder);
-  const FolderLock lock(folder);
-  Write(folder / "script.json", params["script"].toStyledString());
+  const fs::path file = Place(device, std::string(kControlFolder) + "/script.json");
+  const FolderLock lock(file.parent_path());
+  Write(file, params["script"].toStyledString());
   return true;
 }
 

@@ -11,20 +11,31 @@
 #include <functional>
 #include <iomanip>
 #include <iostream>
+#include <map>
 #include <stdexcept>
 
 namespace desk {
 namespace {
 
 constexpr off_t kMostBytes = 16 << 20;
+/// Some thirty thousand years, so that sums of times stay numbers.
+constexpr Json::UInt64 kMostTime = Json::UInt64{1} << 50;
 
 int OpenTrace(const std::string& path) {
   return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
 }
 
 bool IsTraceLine(const Json::Value& line) {
-  return line.isObject() && line["op"].isString() && line["call"].isUInt() && line["at"].isInt64() &&
-         line["us"].isInt64();
+  const auto is_time = [&line](const char* member) {
+    return line[member].isUInt64() && line[member].asUInt64() < kMostTime;
+  };
+  if (!line.isObject() || !line["op"].isString() || !line["call"].isUInt() || !is_time("at") || !is_time("us")) {
+    return false;
+  }
+  for (const char* text : {"method", "problem", "fault"}) {
+    if (line.isMember(text) && !line[text].isString()) return false;
+  }
+  return true;
 }
 
 /// Hands each line of a trace to `take`.
@@ -120,7 +131,7 @@ bool PrintTrace(std::istream& trace, std::ostream& out) {
 
 bool PrintTraceEvents(std::istream& trace, std::ostream& out) {
   constexpr Json::Int64 kMicroseconds = 1000;
-  Json::Int64 end = 0;
+  std::map<unsigned, Json::Int64> ends;
   const char* separator = "{\"traceEvents\":[\n";
   const bool any = ReadLines(trace, [&](const Json::Value& line) {
     Json::Value event;
@@ -129,7 +140,8 @@ bool PrintTraceEvents(std::istream& trace, std::ostream& out) {
     event["ph"] = "X";
     event["pid"] = 1;
     event["tid"] = line["call"];
-    // A line's time is rounded down: the next begins no earlier than the last one ended.
+    // A line's time is rounded down: the next of the call begins no earlier than the last one ended.
+    Json::Int64& end = ends[line["call"].asUInt()];
     event["ts"] = std::max(end, line["at"].asInt64() * kMicroseconds);
     event["dur"] = line["us"];
     for (const char* member : {"args", "out", "result", "thrown", "fault"}) {
