@@ -83,13 +83,14 @@ export async function enter(method, {answer, number}) {
   }
 }
 
-/** Makes the next look begin with the first line. */
+/** Begins with the first line again. */
 export function forget() {
   after = 0;
   calls = new Map();
+  $("history").replaceChildren();
 }
 
-/** A new call is shown at once, unless an older one is being looked at. */
+/** Shows a new call at once, unless an older one is read. */
 function take({lines, next}) {
   if (next < after) return forget();
   after = next;
