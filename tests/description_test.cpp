@@ -83,11 +83,13 @@ TEST_F(DescriptionTest, ExplainsInWordsAndInJson) {
   EXPECT_EQ(unknown.code, 1);
   EXPECT_EQ(unknown.out, "webapi-host: nothing is known of 'utils:46'\n");
 
-  Write("log", "utils:45 is another's\n12:00:00 desk utils:45 cannot get a run key\n");
+  Write("log", "utils:45 is another's\n12:00:00 desk utils:45 cannot get a run key\r\n");
   const std::string log = " <'" + Path("log").string() + "'";
   const std::string cause = Explanations("utils:45")[0]["cause"].asString();
   EXPECT_EQ(RunHost("explain" + log).out.rfind(Read("log") + "  cause:  " + cause + "\n  remedy: ", 0), 0u);
-  EXPECT_EQ(RunHost("explain </dev/null 2>&1").code, 1);
+  for (const auto& [words, code] : {std::pair("</dev/null", 1), {"'' <'/'", 1}, {"- <'/'", 2}}) {
+    EXPECT_EQ(RunHost("explain " + std::string(words) + " 2>&1").code, code) << words;
+  }
 }
 
 }  // namespace

@@ -333,7 +333,11 @@ TEST_F(RpcTest, TheServerDescribesItself) {
   const std::string file =
       Exchange(port_, "GET /openrpc.json HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
   EXPECT_EQ(file.substr(file.find("\r\n\r\n") + 4), ToLine(Describe(TheModule())) + "\n");
-  Rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover", "params": [1]})");
+  for (const char* params : {"[1]", R"({"a": 1})"}) {
+    const std::string asked =
+        std::string(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover", "params": )") + params;
+    EXPECT_EQ(Rpc(asked + "}")["error"]["code"], -32602) << params;
+  }
 }
 
 TEST_F(RpcTest, AnAdmittedOriginMayAskFromItsPages) {

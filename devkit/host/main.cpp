@@ -6,13 +6,13 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <random>
-#include <regex>
 
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/device.h"
@@ -52,7 +52,7 @@ struct Options {
   std::string method;
   std::string params = "{}";
   desk::CheckOptions check;
-  std::string subject;
+  std::string subject = "-";
   bool json = false;
 };
 
@@ -235,12 +235,14 @@ int ExplainLog(bool json) {
     std::cout << (json ? desk::ToLine(explanation) : text) << '\n';
     if (!json && explanation.isMember("cause")) PrintAdvice(explanation);
   }
+  if (std::ferror(stdin) != 0)
+    throw std::runtime_error(std::string("standard input cannot be read: ") + std::strerror(errno));
   if (!known) std::cerr << "webapi-host: no line of the log is the module's\n";
   return known ? kDone : kErrorAnswer;
 }
 
 int Explain(const Options& options) {
-  if (options.subject.empty()) return ExplainLog(options.json);
+  if (options.subject == "-") return ExplainLog(options.json);
   const Json::Value& explanations = desk::Explanations(options.subject);
   for (const Json::Value& explanation : explanations) {
     if (options.json) {
@@ -267,8 +269,10 @@ std::string FindFaultProblem(const std::string& fault) {
 }
 
 std::string FindOriginProblem(const std::string& origin) {
-  static const std::regex form("https?://[a-z0-9.-]+(:[0-9]{1,5})?");
-  return std::regex_match(origin, form) ? "" : "'" + origin + "' is no origin; write it as http://localhost:3000";
+  const size_t host = origin.rfind("http://", 0) == 0 ? 7 : 8;
+  const bool is_origin = (host == 7 || origin.rfind("https://", 0) == 0) && host < origin.size() &&
+                         origin.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.-:", host) == std::string::npos;
+  return is_origin ? "" : "'" + origin + "' is no origin; write it as http://localhost:3000";
 }
 
 void AddDeviceOptions(CLI::App& command, Options& options) {
@@ -340,7 +344,7 @@ int Run(int argc, char** argv) {
 
   CLI::App* explain = app.add_subcommand("explain", "Tell cause and remedy of an error code or a log line");
   explain->add_option("subject", options.subject,
-                      "A code, a log line's UNIT:NUMBER or a unit; else a log is read from standard input");
+                      "A code, a log line's UNIT:NUMBER or a unit; - or none for a log on standard input");
   explain->add_flag("--json", options.json, "Print one JSON object a line");
 
   app.set_help_all_flag("--help-all", "Print the help of all subcommands and exit");

@@ -101,8 +101,9 @@ const Json::Value& FindLogLine(const std::string& text) {
     const size_t begin = text.find_last_not_of(kUnitLetters, colon - 1) + 1;
     const size_t end = std::min(text.find_first_not_of("0123456789", colon + 1), text.size());
     const Json::Value& known = Explanations(text.substr(begin, end - begin));
-    const std::string words = known.empty() ? "" : " " + known[0]["text"].asString();
-    if (!known.empty() && text.compare(end, words.find('%'), words, 0, words.find('%')) == 0) return known[0];
+    std::string words = known.empty() ? "" : " " + known[0]["text"].asString();
+    words.resize(std::min(words.size(), words.find('%')));
+    if (!known.empty() && text.compare(end, words.size(), words) == 0) return known[0];
   }
   return Json::Value::nullSingleton();
 }
