@@ -96,7 +96,12 @@ TEST_F(HostTest, ATraceIsShownToPeopleAndToViewers) {
 TEST_F(HostTest, ALongTraceBecomesAnEarlierOne) {
   const std::string full(16 << 20, '\n');
   Write("desk/trace", full);
-  CallCommand("--trace '" + Path("desk/trace").string() + "' VEXA.Core.TunnelBridge.Upnp 1 get");
+  const std::string words = "--trace '" + Path("desk/trace").string() + "' VEXA.Core.TunnelBridge.Upnp 1 get 2>&1";
+  std::filesystem::create_directory(Path("desk/trace.1"));
+  EXPECT_NE(CallCommand(words).out.find("lines of the trace cannot be written"), std::string::npos);
+  EXPECT_TRUE(Read("desk/trace") == full) << "nothing can take its place";
+  std::filesystem::remove(Path("desk/trace.1"));
+  CallCommand(words);
   EXPECT_TRUE(Read("desk/trace.1") == full);
   EXPECT_EQ(Read("desk/trace").rfind("{\"args\":", 0), 0u);
 }

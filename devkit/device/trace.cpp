@@ -22,6 +22,7 @@ constexpr size_t kLeastSecretBytes = 6;
 
 constexpr size_t kMostRecent = 10000;
 constexpr size_t kMostRecentBytes = 16 << 20;
+constexpr size_t kMostAnswerBytes = 1 << 20;
 
 /// What this thread's call has recorded so far.
 thread_local std::vector<std::string> call_lines;
@@ -138,7 +139,11 @@ Json::Value Trace::Recent(std::uint64_t after, size_t limit) const {
     const std::uint64_t oldest = last_ - recent_.size();
     after = std::min(after, last_);
     from = std::max(after, oldest);
-    for (size_t at = from - oldest; at < recent_.size() && texts.size() < limit; ++at) texts.push_back(recent_[at]);
+    size_t bytes = 0;
+    for (size_t at = from - oldest; at < recent_.size() && texts.size() < limit && bytes < kMostAnswerBytes; ++at) {
+      bytes += recent_[at].size();
+      texts.push_back(recent_[at]);
+    }
   }
   Json::Value answer;
   answer["lines"] = Json::arrayValue;

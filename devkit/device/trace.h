@@ -45,7 +45,7 @@ class Trace {
 
   /// What was handed over after the line of the number `after`: an object with at most `limit` "lines", "next", the
   /// number of the last one, and "skipped", how many before them are not kept any more. The last 10,000 are, unless
-  /// they have more than 16 MiB.
+  /// they have more than 16 MiB. An answer ends with the line that passes 1 MiB.
   Json::Value Recent(std::uint64_t after, size_t limit) const;
 
  private:

@@ -94,12 +94,12 @@ TraceWriter::~TraceWriter() {
   if (!path_.empty()) close(file_);
 }
 
-/// Writes lines whole or not at all. A full disk costs those only that it has no room for.
+/// Writes lines whole or not at all. A full disk or file costs those only that it has no room for.
 void TraceWriter::Write(const std::vector<std::string>& lines) {
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
-  if (!path_.empty()) MakeRoom(text.size());
-  const ssize_t size = write(file_, text.data(), text.size());
+  const bool has_room = path_.empty() || MakeRoom(text.size());
+  const ssize_t size = has_room ? write(file_, text.data(), text.size()) : -1;
   const bool failed = size != static_cast<ssize_t>(text.size());
   const bool torn = failed && size > 0 && !path_.empty();
   [[maybe_unused]] const int cut = torn ? ftruncate(file_, lseek(file_, 0, SEEK_CUR) - size) : 0;
@@ -107,15 +107,19 @@ void TraceWriter::Write(const std::vector<std::string>& lines) {
   failed_ = failed;
 }
 
-void TraceWriter::MakeRoom(size_t bytes) {
-  struct stat status;
-  if (fstat(file_, &status) != 0 || !S_ISREG(status.st_mode)) return;
-  if (status.st_size == 0 || status.st_size + static_cast<off_t>(bytes) <= kMostBytes) return;
-  if (std::rename(path_.c_str(), (path_ + ".1").c_str()) != 0) return;
+bool TraceWriter::MakeRoom(size_t bytes) {
+  struct stat open_file, named;
+  if (fstat(file_, &open_file) != 0 || !S_ISREG(open_file.st_mode)) return true;
+  // Another program may have removed the file or renamed it.
+  const bool is_named = stat(path_.c_str(), &named) == 0 && named.st_ino == open_file.st_ino;
+  const off_t size = open_file.st_size;
+  if (is_named && (size == 0 || size + static_cast<off_t>(bytes) <= kMostBytes)) return true;
+  if (is_named && std::rename(path_.c_str(), (path_ + ".1").c_str()) != 0) return false;
   const int fresh = OpenTrace(path_);
-  if (fresh < 0) return;
+  if (fresh < 0) return false;
   close(file_);
   file_ = fresh;
+  return true;
 }
 
 bool PrintTrace(std::istream& trace, std::ostream& out) {

@@ -21,7 +21,8 @@ class TraceWriter {
 
  private:
   void Write(const std::vector<std::string>& lines);
-  void MakeRoom(size_t bytes);
+  /// False when the file is full and nothing can take its place.
+  bool MakeRoom(size_t bytes);
 
   Device& device_;
   std::string path_;
