@@ -2,7 +2,7 @@
 
 import {$, ask, askAll, fill, make, on, option, say} from "./desk.js";
 
-let path, stored = "";
+let path, read, stored = "";  // as an editor shows what was read
 
 const isDirty = () => $("file-text").value !== stored;
 const mark = () => { $("file-dirty").hidden = !isDirty(); };
@@ -13,6 +13,7 @@ function edit(name, text) {
   $("file-name").textContent = name ?? "No file is open";
   $("file-text").value = text;
   stored = $("file-text").value;
+  read = text;
   mark();
 }
 
@@ -22,7 +23,7 @@ const makeFile = ({path, size, mode}) =>
 /** Opens a file, or none. What is typed meanwhile stays. */
 async function open(name) {
   const text = name ? (await ask("read_file", {path: name})).text : "";
-  if (!isDirty() && (name !== path || text !== stored)) edit(name, text);
+  if (!isDirty() && (name !== path || text !== read)) edit(name, text);
 }
 
 /** Shows how the device now stands; an open file too, unless it was edited. */
@@ -57,9 +58,9 @@ on("files", "click", async ({target: {dataset}}) => {
 on("file-save", "click", async () => {
   const text = $("file-text").value;
   const now = await ask("read_file", {path}).catch(() => ({}));
-  if (now.text !== stored && !confirm(`${path} has changed meanwhile. Destroy that?`)) return;
+  if (now.text !== read && !confirm(`${path} has changed meanwhile. Destroy that?`)) return;
   await ask("write_file", {path, text});
-  stored = text;
+  read = stored = text;
   mark();
   await lookAround();
   say(`Saved ${path}.`);

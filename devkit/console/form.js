@@ -3,9 +3,8 @@
 import {$, description, discover, envelope, fill, make, on, option, post, say, token} from "./desk.js";
 import {enter} from "./trace.js";
 
-const resolve = node => node.$ref?.slice(2).split("/").reduce((at, name) => at[name], description) ?? node;
 const described = () => description.methods.find(({name}) => name === $("method").value);
-const params = () => described().params.map(resolve);
+const params = () => described().params;
 
 function makeField({name, schema, required, description}) {
   const id = `param-${name}`;

@@ -22,16 +22,16 @@ function drawAnswer(call) {
   const log = call.lines.filter(({op}) => op === "syslog").map(({args}) => args[1]);
   const terms = ["problem", "cause", "remedy"].filter(name => error?.data?.[name]).flatMap(name =>
     [make("dt", {}, name), make("dd", {className: name}, error.data[name])]);
-  $("answer").replaceChildren(make("h2", {}, "Answer"),
+  $("answer").replaceChildren(
     make("p", {}, `${call.method}: `, make("b", {className: "code"}, error?.code ?? "success"), ` ${error?.message ?? ""}`),
     error ? make("dl", {}, ...terms) : make("pre", {className: "result"}, JSON.stringify(result, null, 2)),
     make("ul", {className: "log"}, ...(error?.data?.log ?? log).map(line => make("li", {}, line))));
 }
 
-function makeRow({op, at, us, args, out, result, thrown, problem, fault}, start, total) {
+function makeRow({op, at, us, from, args, out, result, thrown, problem, fault}, start, total) {
   const text = value => JSON.stringify(value);
   const bar = make("i", {className: "bar"});
-  bar.style.left = `${100000 * (at - start) / total}%`;
+  bar.style.left = `${100 * from / total}%`;
   bar.style.width = `${100 * us / total}%`;
   return make("li", {className: fault ? "op injected" : "op", data: {op}}, make("b", {}, op),
     make("code", {}, ` (${args.map(text).join(", ")}) → ${thrown ? "exception" : text(result)}`),
@@ -43,11 +43,15 @@ function makeRow({op, at, us, args, out, result, thrown, problem, fault}, start,
 
 function drawTrace({number, lines}) {
   const start = Math.min(...lines.map(({at}) => at));
-  const total = Math.max(1, ...lines.map(({at, us}) => (at - start) * 1000 + us));
+  let end = 0;
+  for (const line of lines) {  // whose beginnings are rounded down
+    line.from = Math.max(end, (line.at - start) * 1000);
+    end = line.from + line.us;
+  }
   const hidden = Math.max(0, lines.length - mostRows);
   $("trace-note").textContent = `Call ${number || "without a number"}: ${lines.length} lines` +
     (hidden ? `, the first ${hidden} left out` : "");
-  $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, start, total)));
+  $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, start, end || 1)));
 }
 
 function show(call) {

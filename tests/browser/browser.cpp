@@ -108,7 +108,10 @@ void Browser::Send(int id, const std::string& method, const Json::Value& params)
 void Browser::Notice(const Json::Value& event) {
   const std::string method = event["method"].asString();
   const Json::Value& params = event["params"];
-  if (method == "Page.javascriptDialogOpening") Send(0, "Page.handleJavaScriptDialog", Object("accept", true));
+  if (method == "Page.javascriptDialogOpening") {
+    dialogs.push_back(params["message"].asString());
+    Send(0, "Page.handleJavaScriptDialog", Object("accept", true));
+  }
   const std::string address = params["request"]["url"].asString();
   const bool leaves = method == "Network.requestWillBeSent" && address.rfind("http://127.0.0.1:", 0) != 0 &&
                       address.rfind("data:", 0) != 0;

@@ -70,6 +70,8 @@ class Browser {
   /// In the format webp.
   void Screenshot(const std::filesystem::path& file);
 
+  /// What the page asked for in dialogs.
+  std::vector<std::string> dialogs;
   /// What the browser complained of, and requests that left the machine.
   std::vector<std::string> complaints;
 

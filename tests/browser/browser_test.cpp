@@ -94,10 +94,7 @@ class BrowserTest : public testing::Test {
               all.end());
   }
 
- private:
   std::string folder_ = std::filesystem::temp_directory_path() / "desk-browser-XXXXXX";
-
- protected:
   std::unique_ptr<Server> server;
   std::unique_ptr<Browser> browser;
 };
@@ -148,8 +145,28 @@ TEST_F(BrowserTest, ABrokenFileIsMovedAsideAndPutBack) {
   browser->Choose("#method", "VEXA.Core.TunnelBridge/1/get");
   EXPECT_EQ(Call(), "2900");
   EXPECT_TRUE(browser->Holds("document.querySelector('#files [data-path=\"" + std::string(kConf) + ".bad\"]')"));
+  EXPECT_TRUE(browser->dialogs.empty());
   browser->Click("#reset-all");
   EXPECT_TRUE(browser->Holds("!document.querySelector('#files [data-path=\"" + std::string(kConf) + ".bad\"]')"));
+  EXPECT_EQ(Call(), "success");
+  EXPECT_NE(browser->dialogs.front().find("Destroy all files, faults and what the control server knows"),
+            std::string::npos);
+}
+
+TEST_F(BrowserTest, AFileOfOthersIsShownAsItStands) {
+  const std::string file = folder_ + "/root/etc/other";
+  ASSERT_TRUE(StoreText(file, "one\r\ntwo\r\n"));
+  Open();
+  browser->Click("#files [data-path='/etc/other']");
+  EXPECT_TRUE(browser->Holds("document.getElementById('file-text').value === 'one\\ntwo\\n'"));
+  EXPECT_TRUE(browser->Evaluate("document.getElementById('file-dirty').hidden").asBool());
+  browser->Fill("#file-text", "three");
+  browser->Click("#file-save");
+  EXPECT_TRUE(browser->Holds("document.getElementById('file-dirty').hidden"));
+  EXPECT_TRUE(browser->dialogs.empty()) << browser->dialogs.front();
+  ASSERT_TRUE(StoreText(file, "\xff"));
+  EXPECT_TRUE(Shows("#status", "no UTF-8 text"));
+  browser->Choose("#method", kGet);
   EXPECT_EQ(Call(), "success");
 }
 
