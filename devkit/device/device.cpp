@@ -49,9 +49,12 @@ void AddStoredFaults(Faults& faults, const fs::path& file) {
 }
 
 bool ParseOnce(const std::string& text, Json::Value& value, std::string& problem) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["strictRoot"] = false;
+  static const Json::CharReaderBuilder builder = [] {
+    Json::CharReaderBuilder made;
+    Json::CharReaderBuilder::strictMode(&made.settings_);
+    made["strictRoot"] = false;
+    return made;
+  }();
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   try {
     return reader->parse(text.data(), text.data() + text.size(), &value, &problem);

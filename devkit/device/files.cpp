@@ -94,7 +94,8 @@ std::optional<Json::Value> LoadJson(const fs::path& file) {
   if (!text) return std::nullopt;
   Json::Value document;
   std::string problem;
-  return ParseJson(*text, document, problem) ? document : Json::Value();
+  if (!ParseJson(*text, document, problem)) return Json::Value();
+  return document;
 }
 
 bool StoreText(const fs::path& file, const std::string& text) {
@@ -111,7 +112,8 @@ bool StoreText(const fs::path& file, const std::string& text) {
 }
 
 bool StoreJson(const fs::path& file, const Json::Value& document) {
-  return StoreText(file, Json::writeString(Json::StreamWriterBuilder(), document) + "\n");
+  static const Json::StreamWriterBuilder writer;
+  return StoreText(file, Json::writeString(writer, document) + "\n");
 }
 
 void RemoveParts(const fs::path& folder) {

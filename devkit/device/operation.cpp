@@ -12,16 +12,17 @@ thread_local unsigned current_call = 0;
 thread_local std::string current_method;
 
 Line::Line(const std::string& operation, Json::Value args) {
-  line_["call"] = current_call;
-  if (!current_method.empty()) line_["method"] = current_method;
-  line_["at"] = Json::Int64(Device::Get().Now());
-  line_["op"] = operation;
-  line_["args"] = std::move(args);
+  Line& line = *this;
+  line["call"] = current_call;
+  if (!current_method.empty()) line["method"] = current_method;
+  line["at"] = Json::Int64(Device::Get().Now());
+  line["op"] = operation;
+  line["args"] = std::move(args);
 }
 
 void Line::Record() {
   const auto duration = std::chrono::steady_clock::now() - start_;
-  line_["us"] = Json::Int64(std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
+  (*this)["us"] = Json::Int64(std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
   Device::Get().trace.Record(std::move(line_));
 }
 

@@ -24,8 +24,8 @@ class Line {
  public:
   /// Begins the line together with the operation.
   Line(const std::string& operation, Json::Value args);
-  /// Sets another member.
-  Json::Value& operator[](const char* member) { return line_[member]; }
+  /// Sets another member, whose name stays where it is as long as the program runs.
+  Json::Value& operator[](const char* member) { return line_[Json::StaticString(member)]; }
   const Json::Value& Value() const { return line_; }
   /// Leaves the line, which says how long the operation took, in the trace.
   void Record();

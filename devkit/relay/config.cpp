@@ -1,6 +1,8 @@
 #include <json/value.h>
 #include <platform/relay.h>
 
+#include <utility>
+
 #include "devkit/device/new_device.h"
 #include "devkit/device/operation.h"
 #include "devkit/relay/files.h"
@@ -9,8 +11,8 @@ namespace desk {
 
 Json::Value LoadConf(const std::string& device_path) {
   try {
-    const auto conf = Device::Get().Load(device_path);
-    if (conf && conf->isObject()) return *conf;
+    auto conf = Device::Get().Load(device_path);
+    if (conf && conf->isObject()) return std::move(*conf);
   } catch (const FileError&) {
     // Read as an empty one, but never written as one: who changes a file reads it again.
   }

@@ -76,7 +76,8 @@ int Perform(const std::string& url, const std::string& text, Transfer& transfer)
 Json::Value Readable(const std::string& text) {
   Json::Value value;
   std::string problem;
-  return ParseJson(text, value, problem) ? value : Json::Value(text);
+  if (!ParseJson(text, value, problem)) return text;
+  return value;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 #include "devkit/device/operation.h"
@@ -63,8 +64,9 @@ int WriteSetting(const std::string& key, const std::string& value) {
 }
 
 Json::Value LoadStates() {
-  const auto states = desk::LoadJson(Device::Get().Root() / "desk/services.json");
-  return states && states->isObject() ? *states : Json::Value(Json::objectValue);
+  auto states = desk::LoadJson(Device::Get().Root() / "desk/services.json");
+  if (!states || !states->isObject()) return Json::objectValue;
+  return std::move(*states);
 }
 
 /// Reads a member that a person may have edited.
