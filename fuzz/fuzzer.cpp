@@ -73,8 +73,9 @@ void Change(Json::Value& tree) {
 Json::Value Load(const std::uint8_t* data, size_t size) {
   Json::Value scene;
   std::string problem;
-  ParseJson(std::string(reinterpret_cast<const char*>(data), size), scene, problem);
-  return scene.isObject() ? scene : Json::Value();
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  if (!ParseJson(text, scene, problem) || !scene.isObject()) return Json::Value();
+  return scene;
 }
 
 /// Stores `scene` with another value for the fuzzed part; the result is 0, for none, when it is of another type or

@@ -19,6 +19,8 @@ namespace desk {
 ///   "expected"  what `Play` returns, for the tests
 class Stage : public DeskTest {
  public:
+  Stage() { device->trace.Watch({"APIRequest::HasParam", "POST"}); }
+
   /// Calls as an administrator, after a changing method was called as somebody else. Returns "success", the code of
   /// an error answer, or the text of the exception that left the handler. Throws `std::runtime_error` when the
   /// handler broke its contract.

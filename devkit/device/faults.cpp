@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kMostFaults = 1000;
 constexpr size_t kMostMet = 1000;
-constexpr size_t kMostBytes = 4096;
+constexpr size_t kMostBytes = 64 << 10;
 
 /// Takes "@N" or "@N+" off the end of `text` into the first and the last call that a fault is for.
 void TakeCalls(std::string& text, unsigned& first, unsigned& last) {
@@ -45,7 +45,7 @@ Faults::Fault Faults::Parse(const std::string& text) {
 }
 
 unsigned Faults::Add(const std::string& text) {
-  if (text.size() > kMostBytes) throw std::invalid_argument("a fault has 4096 bytes at most");
+  if (text.size() > kMostBytes) throw std::invalid_argument("a fault has 64 KiB at most");
   Fault fault = Parse(text);
   const std::lock_guard lock(mutex_);
   if (faults_.size() == kMostFaults) throw std::invalid_argument("there are a thousand faults; remove some");

@@ -126,7 +126,7 @@ class Operation {
 
   template <typename Result>
   Result Keep(Result result) {
-    result_ = hidden_ ? Json::Value("(hidden)") : ToJson(result);
+    if (line_) result_ = hidden_ ? Json::Value("(hidden)") : ToJson(result);
     return result;
   }
 
@@ -143,7 +143,7 @@ class Operation {
   void ReplaceOutputs();
 
   std::string name_;
-  /// None when the operation leaves none and meets no fault.
+  /// None when the operation leaves none.
   std::optional<Line> line_;
   std::optional<Json::Value> fault_;
   std::optional<Json::Value> result_;

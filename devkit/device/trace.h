@@ -7,8 +7,10 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace desk {
@@ -34,7 +36,15 @@ class Trace {
   void Learn(unsigned call, const Json::Value& value);
   void Forget(unsigned call);
 
-  std::vector<Json::Value> Lines() const;
+  /// From now on only these operations leave a line, with the secrets in it: for a program that checks calls by the
+  /// thousand and shows them to nobody. The module's file functions and its log still do, too.
+  void Watch(std::set<std::string> operations) { watched_ = std::move(operations); }
+
+  /// Whether an operation is to leave a line.
+  bool Keeps(const std::string& operation) const { return !watched_ || watched_->count(operation) != 0; }
+
+  /// The lines that are kept. Valid until the next one, so take it while no call is under way.
+  const std::vector<Json::Value>& Lines() const;
   void Clear();
 
   /// Ends this thread's call, which wrote `log`, by handing its lines to the sink.
@@ -50,8 +60,10 @@ class Trace {
 
  private:
   mutable std::mutex mutex_;
+  void Hide(Json::Value& line) const;
   void Keep(const std::string& line);
 
+  std::optional<std::set<std::string>> watched_;
   std::vector<Json::Value> lines_;
   std::deque<std::string> recent_;
   size_t recent_bytes_ = 0;
