@@ -264,24 +264,6 @@ TEST_P(FaultLoopTest, EveryAllocationFails) {
   std::cout << method_ << ": " << runs_ << " runs with a failing allocation\n";
 }
 
-using MeaningTest = DeskTest;
-
-/// A meaning of an operation that no request comes to would mean nothing.
-TEST_F(MeaningTest, EveryOperationThatHasOneIsMet) {
-  std::set<std::string> met = {"read", "write", "writev"};  // leave a line when they fail only
-  for (const Row& row : ReadTable("requests.txt")) {
-    Write(kConf, kReadyConf);
-    StartControlServer();
-    Arrange(row[2]);
-    TryMethod(MethodOf(row), ParseJson(Params(row[1])));
-    for (const Json::Value& line : device->trace.Lines()) met.insert(line["op"].asString());
-  }
-  for (const auto& [operation, outcomes] : ReadMeanings()) {
-    const size_t method = operation.find('/') == std::string::npos ? 0 : operation.find(':') + 1;
-    EXPECT_EQ(met.count(operation.substr(method)), 1u) << operation;
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(Each, FaultLoopTest, testing::ValuesIn(ReadTable("requests.txt")), NameOfRow);
 
 }  // namespace

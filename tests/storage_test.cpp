@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <limits>
 #include <thread>
 
-#include "devkit/relay/transfer.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {
@@ -146,31 +144,6 @@ TEST_F(StorageTest, OnlyWhatIsASecretIsHidden) {
   device->trace.Clear();
   Call(FindHandler("2/set_server_alias"), params, true);
   EXPECT_EQ(Logs().at(0), "tunnelbridge.v2:57 Alias set error: a(hidden)") << "the device's own are known throughout";
-}
-
-TEST_F(StorageTest, TheControlServerTakesNamesOfBoundedLength) {
-  StartControlServer();
-  const std::string owner = R"("kova_id": "kova-1001", "auth_key": "desk-auth-key-of-owner", "server_id": "100001")";
-  const struct {
-    const char* command;
-    size_t device, key, alias;
-    int error;
-  } rows[] = {{"register", 65, 64, 0, 100},   {"register", 64, 65, 0, 100}, {"register", 64, 64, 0, 0},
-              {"set_alias", 64, 64, 64, 130}, {"set_alias", 64, 64, 63, 0}, {"set_alias", 65, 64, 1, 100}};
-  for (const auto& row : rows) {
-    Json::Value request = ParseJson("{" + owner + "}");
-    request["command"] = row.command;
-    request["server_alias"] = std::string(row.alias, 'a');
-    request["auth"]["device"] = std::string(row.device, 'd');
-    request["auth"]["api_key"] = std::string(row.key, 'k');
-    const Json::Value answer = ParseJson(Post("http://register.vexa.example/relay", ToLine(request)).answer);
-    EXPECT_EQ(answer["error"]["code"].asInt(), row.error) << row.command << row.device << ' ' << row.key;
-  }
-  Json::Value state = ServerState();
-  state["next_server_id"] = std::numeric_limits<int>::max();
-  Write("desk/control-server/state.json", ToLine(state));
-  const std::string last = R"({"command": "register", "auth": {"device": "last", "api_key": "1"}})";
-  EXPECT_EQ(ParseJson(Post("http://register.vexa.example/relay", last).answer)["error"]["code"], 101);
 }
 
 TEST_F(StorageTest, DeviceAndControlServerAgreeOnTheAlias) {

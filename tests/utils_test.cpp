@@ -32,16 +32,9 @@ TEST(ErrorCodes, StandForTheResultsOfTheLibrary) {
 }
 
 TEST(Md5, DigestIsLowercaseHexAndTheRestZero) {
-  const std::map<std::string, std::string> published = {
-      {"", "d41d8cd98f00b204e9800998ecf8427e"},
-      {"a", "0cc175b9c0f1b6a831c399e269772661"},
-      {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-  };
-  for (const auto& [text, digest] : published) {
-    std::string buffer(70, 'x');
-    EXPECT_EQ(GetMd5String(text.c_str(), buffer.data(), 64), 0);
-    EXPECT_EQ(buffer, digest + std::string(32, '\0') + "xxxxxx");
-  }
+  std::string buffer(70, 'x');
+  EXPECT_EQ(GetMd5String("message digest", buffer.data(), 64), 0);
+  EXPECT_EQ(buffer, "f96b697d7cb7938d525a2f31aaf161d0" + std::string(32, '\0') + "xxxxxx");
 }
 
 TEST_F(UtilsTest, Md5RefusesWhatItCannotUse) {
