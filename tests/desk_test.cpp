@@ -112,13 +112,9 @@ TEST_F(DeskTest, NoHostButTheDesksResolves) {
 }
 
 TEST_F(DeskTest, NothingInTheFolderBringsItDown) {
-  const std::vector<std::string> contents = {"",
-                                             "\xff",
-                                             "[]",
-                                             "{\"server_kova\": 1}",
-                                             "null",
-                                             std::string(2000, '['),
-                                             R"({"vexarelayd": [], "server_alias": {"name": {}}})"};
+  const std::string deep(2000, '[');
+  const std::string other = R"({"vexarelayd": [], "server_alias": {"name": {}}, "server_kova": 1})";
+  const std::string contents[] = {"", "\xff", "[]", "null", deep, other};
   std::vector<std::string> files;
   for (const auto& [file, text] : Snapshot()) files.push_back(file);
   files.insert(files.end(), {"desk/services.json", kAliasStatus});
