@@ -4,6 +4,9 @@
 
 #include <unistd.h>
 
+#include <future>
+
+#include "devkit/device/files.h"
 #include "devkit/webapi/description.h"
 #include "tests/description_check.h"
 #include "tests/desk_fixture.h"
@@ -131,6 +134,24 @@ TEST_F(ConsoleTest, StartsAfresh) {
   EXPECT_EQ(Ask("services")["vexarelayd"]["enabled"], false);
   EXPECT_FALSE(std::filesystem::exists(Path("usr/vexa/etc/vexarelayd/vexarelayd.conf.bad")));
   EXPECT_EQ(Ask("faults"), Json::Value(Json::arrayValue));
+}
+
+TEST_F(ConsoleTest, TakesTurnsWithTheControlServer) {
+  StartControlServer();
+  const fs::path file = Path("desk/control-server/state.json");
+  std::future<Json::Value> written;
+  {
+    const FolderLock request(file.parent_path());
+    written = std::async(std::launch::async, [this] {
+      return Ask("write_file", R"({"path": "/desk/control-server/state.json", "text": "{}"})");
+    });
+    for (int round = 0; round < 1000; ++round) {
+      ASSERT_TRUE(StoreText(file, "[]"));
+      ASSERT_EQ(LoadText(file), "[]");
+    }
+  }
+  EXPECT_EQ(written.get(), true);
+  EXPECT_EQ(LoadText(file), "{}");
 }
 
 }  // namespace

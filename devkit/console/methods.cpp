@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <optional>
 
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/new_device.h"
@@ -125,8 +126,25 @@ Json::Value ReadFile(Device& device, const Json::Value& params) {
   return result;
 }
 
+/// Holds the device, and its control server where it has one, while files are changed by hand.
+class Hold {
+ public:
+  explicit Hold(const Device& device) : device_(device.Root()) {
+    const fs::path folder = device.Locate(kControlFolder);
+    if (fs::is_directory(fs::symlink_status(folder))) control_server_.emplace(folder);
+  }
+  void FillNew(const Device& device) const {
+    FillNewDevice(device.Root());
+    if (control_server_) ControlServer::FillNew(device.Locate(kControlFolder));
+  }
+
+ private:
+  FolderLock device_;
+  std::optional<FolderLock> control_server_;
+};
+
 Json::Value WriteFile(Device& device, const Json::Value& params) {
-  const FolderLock lock(device.Root());
+  const Hold hold(device);
   Write(Place(device, params["path"].asString()), params["text"].asString());
   return true;
 }
@@ -137,26 +155,18 @@ void RemoveFile(const fs::path& file) {
   if (error) throw FileError("cannot remove '" + file.string() + "': " + error.message());
 }
 
-/// A control server reads its files at every request.
-void FillNewControlServer(const Device& device) {
-  const fs::path folder = device.Locate(kControlFolder);
-  if (fs::is_directory(fs::symlink_status(folder))) ControlServer::FillNew(folder);
-}
-
 Json::Value ResetFile(Device& device, const Json::Value& params) {
-  const FolderLock lock(device.Root());
+  const Hold hold(device);
   RemoveFile(Place(device, params["path"].asString()));
-  FillNewDevice(device.Root());
-  FillNewControlServer(device);
+  hold.FillNew(device);
   return true;
 }
 
 Json::Value Reset(Device& device, const Json::Value&) {
-  const FolderLock lock(device.Root());
+  const Hold hold(device);
   device.faults.Clear();
   for (const std::string& path : ListPaths(device)) RemoveFile(device.Locate(path));
-  FillNewDevice(device.Root());
-  FillNewControlServer(device);
+  hold.FillNew(device);
   return true;
 }
 
@@ -188,9 +198,8 @@ Json::Value GetControlScript(Device& device, const Json::Value&) {
 }
 
 Json::Value SetControlScript(Device& device, const Json::Value& params) {
-  const fs::path file = Place(device, std::string(kControlFolder) + "/script.json");
-  const FolderLock lock(file.parent_path());
-  Write(file, params["script"].toStyledString());
+  const Hold hold(device);
+  Write(Place(device, std::string(kControlFolder) + "/script.json"), params["script"].toStyledString());
   return true;
 }
 

@@ -176,12 +176,12 @@ bool OnlyDelays(const Json::Value& step) {
 
 ControlServer::ControlServer(const std::filesystem::path& folder) : folder_(folder) {
   std::filesystem::create_directories(folder_);
+  const FolderLock lock(folder_);
   FillNew(folder_);
   server_.Route("POST", "/relay", [this](const http::Request& request) { return Serve(request.body); });
 }
 
 void ControlServer::FillNew(const std::filesystem::path& folder) {
-  const FolderLock lock(folder);
   RemoveParts(folder);
   if (!std::filesystem::exists(folder / "state.json") && !StoreText(folder / "state.json", kNewState)) {
     throw std::runtime_error("cannot write the control server's state into '" + folder.string() + "'");
@@ -230,7 +230,7 @@ Json::Value ControlServer::TakeStep(const std::string& command) {
     }
     rest.append(step);
   }
-  if (!taken.isNull()) StoreJson(file, rest);
+  if (!taken.isNull() && !StoreJson(file, rest)) throw FileError("a step of the script cannot be taken off");
   return taken;
 }
 
@@ -247,7 +247,7 @@ void ControlServer::Expire(const std::string& key) {
   Json::Value state = LoadState();
   if (!IsName(key, kMostKey) || !state["expired_keys"].isArray()) return;
   state["expired_keys"].append(key);
-  StoreJson(folder_ / "state.json", state);
+  if (!StoreJson(folder_ / "state.json", state)) throw FileError("the control server's state cannot be written");
 }
 
 Json::Value ControlServer::LoadState() const {

@@ -17,6 +17,7 @@ class ControlServer {
   /// Makes the folder and its first state when they are missing.
   explicit ControlServer(const std::filesystem::path& folder);
   /// Makes the first state in `folder` when it is missing. Throws `std::runtime_error` when it cannot be written.
+  /// Hold the folder.
   static void FillNew(const std::filesystem::path& folder);
   ~ControlServer();
 

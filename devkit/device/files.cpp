@@ -113,7 +113,11 @@ bool StoreText(const fs::path& file, const std::string& text) {
 
 bool StoreJson(const fs::path& file, const Json::Value& document) {
   static const Json::StreamWriterBuilder writer;
-  return StoreText(file, Json::writeString(writer, document) + "\n");
+  const std::string text = Json::writeString(writer, document) + "\n";
+  // A stream keeps quiet about memory that it could not get: the text may be cut short.
+  Json::Value whole;
+  std::string problem;
+  return ParseJson(text, whole, problem) && StoreText(file, text);
 }
 
 void RemoveParts(const fs::path& folder) {
