@@ -38,26 +38,6 @@ TEST_F(AliasTest, ThePasswordIsSentAsItsDigestAndNeverStored) {
   EXPECT_EQ(everything.find(kPasswordDigest), std::string::npos);
 }
 
-class ExchangeTest : public AliasTest, public testing::WithParamInterface<Row> {};
-
-TEST_P(ExchangeTest, CanFail) {
-  const std::string auth = Read(kAuth);
-  Script(GetParam()[1]);
-  const Answer answer = CallMethod("1/set_server_alias", kAliasV1);
-  EXPECT_EQ(answer.code, std::stoi(GetParam()[2]));
-  EXPECT_EQ(Logs(), Parts(GetParam()[3]));
-  if (!answer.success) {
-    EXPECT_EQ(ReadJson(kConf)["server_alias"]["name"], "");
-    EXPECT_EQ(ReadJson(kConf)["server_kova"]["account"], "");
-    EXPECT_FALSE(Exists(kAliasStatus));
-  }
-  const bool expired = GetParam()[1].find("111") != std::string::npos;
-  EXPECT_EQ(Count("AuthConf::GenerateApiKey"), expired ? 1u : 0u);
-  EXPECT_EQ(Read(kAuth) != auth, expired);
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, ExchangeTest, testing::ValuesIn(ReadTable("exchanges.txt")), NameOfRow);
-
 TEST_F(AliasTest, FormsOfAliasAndAccount) {
   device->faults.Add(R"(AliasRequest::Send={"alias_result":1})");
   for (const auto& row : ReadTable("forms.txt")) {

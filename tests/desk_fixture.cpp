@@ -91,7 +91,8 @@ void DeskTest::Arrange(const std::string& given) {
                                                     {"aliases", kAliasStatus},
                                                     {"settings", kSettings},
                                                     {"states", "desk/services.json"},
-                                                    {"server", "desk/control-server/state.json"}};
+                                                    {"server", "desk/control-server/state.json"},
+                                                    {"script", "desk/control-server/script.json"}};
   for (const std::string& part : Parts(given)) {
     const size_t equals = part.find('=');
     const auto file = files.find(part.substr(0, equals));

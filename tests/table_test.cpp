@@ -20,8 +20,8 @@ class FailureTest : public TableTest {};
 
 TEST_P(FailureTest, AnswersAndLogs) {
   const bool may_change = GetParam()[5] == "changed";
-  Arrange(GetParam()[2]);
   if (may_change) StartControlServer();
+  Arrange(GetParam()[2]);
   const auto before = Snapshot();
 
   const Outcome outcome = TryMethod(MethodOf(GetParam()), ParseJson(Params(GetParam()[1])));
