@@ -45,11 +45,5 @@ TEST(Check, ASeedRepeatsARun) {
   EXPECT_NE(findings(RunHost(words + "8").out), findings(check.out));
 }
 
-TEST(Check, AMistakeOfTheCallerHasItsExitCode) {
-  EXPECT_EQ(RunHost("check 2>/dev/null").code, 2);
-  EXPECT_EQ(RunHost("check '" MODULE_FILE "' --limit 0 2>/dev/null").code, 2);
-  EXPECT_EQ(RunHost("check /nowhere.so 2>/dev/null").code, 3);
-}
-
 }  // namespace
 }  // namespace desk
