@@ -38,8 +38,7 @@ TEST_F(HostTest, EveryCommandHasItsExitCodeAndItsWords) {
       {"call VEXA.Core.TunnelBridge 1 set '[]'", 2, "no JSON object"},
       {"call --fault Nothing=1 VEXA.Core.TunnelBridge 1 status", 2, "there is no operation 'Nothing'"},
       {"call --fault VLIBCExecl=1 VEXA.Core.TunnelBridge 1 status", 0, "'VLIBCExecl=1' met no call"},
-      {"call --trace - --fault fopen=ENOENT VEXA.Core.TunnelBridge 1 status >/dev/null", 1,
-       R"("op":"fopen","result":"ENOENT")"},
+      {"call --trace - --fault fopen=ENOENT VEXA.Core.TunnelBridge 1 status >/dev/null", 1, R"("result":"ENOENT")"},
       {"call --fault fopen=ENOENT VEXA.Core.TunnelBridge 1 status >/dev/null", 1,
        "log: tunnelbridge.v1:119 load config failed\n"},
       {"call --trace /nowhere/trace VEXA.Core.TunnelBridge 1 status", 2, "/nowhere/trace"},
@@ -83,6 +82,9 @@ TEST_F(HostTest, ATraceIsShownToPeopleAndToViewers) {
     end = event["ts"].asInt64() + event["dur"].asInt64();
   }
   EXPECT_EQ(events.size(), std::count(tree.begin(), tree.end(), '\n') - 1);
+  CallCommand("--trace" + file + "VEXA.Core.TunnelBridge.Upnp 1 get 2>&1");
+  const std::string runs = RunHost("trace" + file).out;
+  EXPECT_NE(runs.find("\ncall 1  "), std::string::npos) << "a call of another run\n" << runs;
   Write("desk/trace", "oops\n");
   const Finished none = RunHost("trace - 2>&1 <" + file);
   EXPECT_EQ(none.code, 1);

@@ -31,7 +31,7 @@ async function tick() {
     await update();
   } catch (problem) {
     say(problem.message);
-    isLost = "status" in problem;
+    isLost = true;
     if (problem.status === 401) {
       refused = used;
       forget();

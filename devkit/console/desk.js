@@ -16,9 +16,10 @@ export function fill(list, data, makeItem) {
   const text = JSON.stringify(data);
   if (list.data === text) return;
   list.data = text;
-  const place = [...list.children].findIndex(item => item.contains(document.activeElement));
+  const name = button => button.ariaLabel ?? button.textContent;
+  const focused = list.contains(document.activeElement) && name(document.activeElement);
   list.replaceChildren(...data.map(makeItem));
-  if (place >= 0) (list.children[place] ?? list.parentNode).querySelector("button").focus();
+  if (focused) ([...list.querySelectorAll("button")].find(button => name(button) === focused) ?? list).focus();
 }
 
 export function say(text) {

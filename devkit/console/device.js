@@ -31,7 +31,7 @@ export async function lookAround() {
   const [files, state, script] = await askAll(["files"], ["control_state"], ["control_script"]);
   fill($("files"), files, makeFile);
   const known = ["accounts", "devices", "aliases"].flatMap(kind => Object.entries(state?.[kind] ?? {}).map(
-    ([name, {id, server_id, account, device}]) => [kind, name, id, server_id, account, device].join(" ")));
+    ([name, entry]) => [kind, name, entry?.id, entry?.server_id, entry?.account, entry?.device].join(" ")));
   fill($("control-state"), known, text => make("li", {}, text));
   $("control-script").textContent = JSON.stringify(script);
   if (path && !isDirty()) await open(files.find(file => file.path === path)?.path);
@@ -83,4 +83,5 @@ fill($("control-presets"), Object.keys(presets), option);
 on("control-apply", "click", async () => {
   await ask("set_control_script", {script: presets[$("control-presets").value]});
   await lookAround();
+  say("Done.");
 });

@@ -61,8 +61,9 @@ on("call-form", "input", react);
 on("call-form", "change", react);
 on("call-form", "submit", async event => {
   event.preventDefault();
-  say("");
+  say("Calling…");
   await enter($("method").value, await post(request(), isAdmin()));
+  say("");
 });
 on("copy-curl", "click", async () => {
   getSelection().selectAllChildren($("curl"));

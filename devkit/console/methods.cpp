@@ -144,6 +144,7 @@ class Hold {
 };
 
 Json::Value WriteFile(Device& device, const Json::Value& params) {
+  if (params["text"].asString().size() > kMostBytes) throw ParamsError("a file has 512 KiB at most");
   const Hold hold(device);
   Write(Place(device, params["path"].asString()), params["text"].asString());
   return true;
@@ -180,7 +181,8 @@ Json::Value SetService(Device& device, const Json::Value& params) {
   const FolderLock lock(device.Root());
   Json::Value states = ReadJson(device, kServicesPath);
   const std::string name = params["name"].asString();
-  if (!states.isObject() || !states[name].isObject()) throw ParamsError("there is no service '" + name + "'");
+  if (!states.isObject()) throw ParamsError("'/desk/services.json' is broken; desk.reset_file makes it new");
+  if (!states[name].isObject()) throw ParamsError("there is no service '" + name + "'");
   for (const char* member : {"enabled", "running"}) {
     if (params.isMember(member)) states[name][member] = params[member];
   }
@@ -188,16 +190,26 @@ Json::Value SetService(Device& device, const Json::Value& params) {
   return true;
 }
 
+/// What a file of the control server holds, or `otherwise`: where the device has none of its own, nor such a file, or
+/// a broken one.
+Json::Value ReadControl(const Device& device, const char* file, const Json::Value& otherwise) {
+  if (!fs::is_directory(fs::symlink_status(device.Locate(kControlFolder)))) return otherwise;
+  const Json::Value document = ReadJson(device, std::string(kControlFolder) + file);
+  return document.type() == otherwise.type() ? document : otherwise;
+}
+
 Json::Value GetControlState(Device& device, const Json::Value&) {
-  return ReadJson(device, std::string(kControlFolder) + "/state.json");
+  return ReadControl(device, "/state.json", Json::objectValue);
 }
 
 Json::Value GetControlScript(Device& device, const Json::Value&) {
-  const Json::Value script = ReadJson(device, std::string(kControlFolder) + "/script.json");
-  return script.isNull() ? Json::Value(Json::arrayValue) : script;
+  return ReadControl(device, "/script.json", Json::arrayValue);
 }
 
 Json::Value SetControlScript(Device& device, const Json::Value& params) {
+  for (const Json::Value& step : params["script"]) {
+    if (!step.isObject()) throw ParamsError("a step of the script is no object");
+  }
   const Hold hold(device);
   Write(Place(device, std::string(kControlFolder) + "/script.json"), params["script"].toStyledString());
   return true;

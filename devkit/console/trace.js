@@ -8,12 +8,13 @@ const mostLines = 1000;  // in one answer
 const mostAnswers = 11;  // hold all lines that the device keeps
 
 let calls = new Map();
-let latest, shown, failing, operations, after = 0;
+let latest, shown, failing, operations, after = 0, isFollowing = true;
 
 /** The answer; that to somebody else is found in the trace. */
 function answerOf({answer, lines}) {
   if (answer) return answer;
-  const {op = "", args: [value] = [-32603]} = lines.findLast(({op}) => op.startsWith("APIResponse::")) ?? {};
+  const {op = "", args: [value] = [-32603]} =
+    lines.findLast(({op, result}) => op.startsWith("APIResponse::") && result) ?? {};
   return op.endsWith("Success") ? {result: value} : {error: description.components.errors[value] ?? {code: value}};
 }
 
@@ -28,30 +29,25 @@ function drawAnswer(call) {
     make("ul", {className: "log"}, ...(error?.data?.log ?? log).map(line => make("li", {}, line))));
 }
 
-function makeRow({op, at, us, from, args, out, result, thrown, problem, fault}, start, total) {
+function makeRow({op, us, from, args, out, result, thrown, problem, fault}, total) {
   const text = value => JSON.stringify(value);
   const bar = make("i", {className: "bar"});
   bar.style.left = `${100 * from / total}%`;
   bar.style.width = `${100 * us / total}%`;
   return make("li", {className: fault ? "op injected" : "op", data: {op}}, make("b", {}, op),
     make("code", {}, ` (${args.map(text).join(", ")}) → ${thrown ? "exception" : text(result)}`),
-    make("small", {}, `+${at - start} ms, ${us} µs ${out ? `outputs ${text(out)}` : ""} ${problem ?? ""}`),
+    make("small", {}, `+${from} µs, ${us} µs ${out ? `outputs ${text(out)}` : ""} ${problem ?? ""}`),
     fault ? make("mark", {}, `injected: ${fault}`) : "",
     make("button", {className: "fail", ariaLabel: `make this fail: ${op}`, disabled: !operations.has(op),
       onclick: () => openDialog(op)}, "make this fail"), bar);
 }
 
-function drawTrace({number, lines}) {
-  const start = Math.min(...lines.map(({at}) => at));
-  let end = 0;
-  for (const line of lines) {  // whose beginnings are rounded down
-    line.from = Math.max(end, (line.at - start) * 1000);
-    end = line.from + line.us;
-  }
+function drawTrace({lines}) {
+  const total = Math.max(1, ...lines.map(({from, us}) => from + us));
   const hidden = Math.max(0, lines.length - mostRows);
-  $("trace-note").textContent = `Call ${number || "without a number"}: ${lines.length} lines` +
+  $("trace-note").textContent = `${lines.length} lines` +
     (hidden ? `, the first ${hidden} left out` : "");
-  $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, start, end || 1)));
+  $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, total)));
 }
 
 function show(call) {
@@ -62,9 +58,14 @@ function show(call) {
   drawTrace(call);
 }
 
+function read(call) {
+  isFollowing = call === latest;
+  show(call);
+}
+
 function makeCall(number, method) {
   const call = {number, method, lines: []};
-  call.button = make("button", {onclick: () => show(call)}, `${number || "–"} ${method}`);
+  call.button = make("button", {onclick: () => read(call)}, `${number || "–"} ${method}`);
   calls.set(number || Symbol(), call);
   $("history").prepend(make("li", {}, call.button));
   if ($("history").children.length > mostCalls) {
@@ -83,7 +84,7 @@ export async function enter(method, {answer, number}) {
   } finally {
     latest = callOf(number, method);
     latest.answer = answer;
-    show(latest);
+    read(latest);
   }
 }
 
@@ -98,7 +99,7 @@ export function forget() {
 function take({lines, next}) {
   if (next < after) return forget();
   after = next;
-  const follows = shown === latest && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
+  const follows = isFollowing && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
   for (const line of lines) {
     latest = callOf(line.call, line.method);
     latest.lines.push(line);
@@ -128,6 +129,7 @@ export const look = () => looking = looking.catch(() => {}).then(lookNow);
 async function change(...call) {
   await ask(...call);
   await look();
+  say("Done.");
 }
 
 function openDialog(op) {
@@ -142,6 +144,6 @@ on("fail-dialog", "close", async ({target}) => {
   if (!target.returnValue) return;
   const place = {once: "@1", always: "", nth: `@${$("fail-n").value}`}[$("fail-when").value];
   await change("add_fault", {fault: `${failing}=${$("fail-kind").value}${place}`});
-  say(`${failing} will fail.`);
+  $("faults").focus();  // new calls do not take it away there
 });
 on("clear-faults", "click", () => change("clear_faults"));

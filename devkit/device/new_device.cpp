@@ -64,7 +64,9 @@ void FillNewDevice(const fs::path& root) {
   fs::create_directories(root / "desk");
   const auto store = [&root](const std::string& path, const std::string& text) {
     const fs::path file = root / path;
-    fs::create_directories(file.parent_path());
+    const fs::path folder = file.parent_path();
+    if (fs::weakly_canonical(folder) != folder) throw std::runtime_error("'" + folder.string() + "' is a link");
+    fs::create_directories(folder);
     if (!fs::exists(file) && !StoreText(file, text)) throw std::runtime_error("cannot write '" + file.string() + "'");
   };
   store("etc/vexainfo.conf", kSettings);

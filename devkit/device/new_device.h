@@ -7,7 +7,7 @@ namespace desk {
 
 /// Fills `root` with a device that works: a bound cloud account, a daemon configuration with its sections,
 /// three services, UPnP on, the relay feature off. What is there already stays. Throws `std::runtime_error` when a file
-/// cannot be written.
+/// cannot be written, or leads through a link.
 void FillNewDevice(const std::filesystem::path& root);
 
 /// `bytes` random bytes as lowercase hexadecimal text.

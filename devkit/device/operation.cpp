@@ -1,28 +1,35 @@
 #include "devkit/device/operation.h"
 
-namespace desk {
+#include <unistd.h>
 
+namespace desk {
 namespace {
 
 thread_local unsigned unrecorded = 0;
+
+Json::Int64 Microseconds(std::chrono::steady_clock::duration time) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
 
 }  // namespace
 
 thread_local unsigned current_call = 0;
 thread_local std::string current_method;
+thread_local std::chrono::steady_clock::time_point current_begin;
 
 Line::Line(const std::string& operation, Json::Value args) {
   Line& line = *this;
   line["call"] = current_call;
   if (!current_method.empty()) line["method"] = current_method;
+  line["pid"] = getpid();
   line["at"] = Json::Int64(Device::Get().Now());
+  line["from"] = Microseconds(start_ - current_begin);
   line["op"] = operation;
   line["args"] = std::move(args);
 }
 
 void Line::Record() {
-  const auto duration = std::chrono::steady_clock::now() - start_;
-  (*this)["us"] = Json::Int64(std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
+  (*this)["us"] = Microseconds(std::chrono::steady_clock::now() - start_);
   Device::Get().trace.Record(std::move(line_));
 }
 

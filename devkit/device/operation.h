@@ -18,6 +18,7 @@ namespace desk {
 /// Number and method of the web-API call that this thread is serving; 0 outside a call.
 extern thread_local unsigned current_call;
 extern thread_local std::string current_method;
+extern thread_local std::chrono::steady_clock::time_point current_begin;
 
 /// A line of the trace in the making.
 class Line {

@@ -16,7 +16,8 @@
 namespace desk {
 
 /// What the module asked of the device, in order: one JSON object per operation with "call" (number of the
-/// web-API call), "method", "at" (its beginning, milliseconds since the epoch), "us" (its duration), "op", "args",
+/// web-API call), "method", "pid", "at" (its beginning, milliseconds since the epoch), "from" (the same, microseconds
+/// since the call's), "us" (its duration), "op", "args",
 /// "out", "result" or "thrown", and "fault" where that was injected. Secrets are replaced by "(hidden)".
 class Trace {
  public:

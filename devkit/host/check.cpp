@@ -349,6 +349,7 @@ bool CheckModule(const CheckOptions& options) {
   void* memory = mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
   const int out = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, kFirstNumber);
+  if (out < 0) throw std::system_error(errno, std::generic_category(), "a number for standard output");
   const std::unique_ptr<Report, decltype(unmap)> report(new (memory) Report{options.json, out, "module"}, unmap);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
 

@@ -21,17 +21,19 @@ constexpr off_t kMostBytes = 16 << 20;
 /// Some thirty thousand years, so that sums of times stay numbers.
 constexpr Json::UInt64 kMostTime = Json::UInt64{1} << 50;
 
+/// Does not wait for the reader of a pipe; one that nobody reads is an error.
 int OpenTrace(const std::string& path) {
-  return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, S_IRUSR | S_IWUSR);
+  if (file >= 0) fcntl(file, F_SETFL, O_APPEND);
+  return file;
 }
 
 bool IsTraceLine(const Json::Value& line) {
   const auto is_time = [&line](const char* member) {
     return line[member].isUInt64() && line[member].asUInt64() < kMostTime;
   };
-  if (!line.isObject() || !line["op"].isString() || !line["call"].isUInt() || !is_time("at") || !is_time("us")) {
-    return false;
-  }
+  if (!line.isObject() || !line["op"].isString() || !line["call"].isUInt() || !line["pid"].isUInt()) return false;
+  if (!is_time("at") || !is_time("from") || !is_time("us")) return false;
   for (const char* text : {"method", "problem", "fault"}) {
     if (line.isMember(text) && !line[text].isString()) return false;
   }
@@ -123,35 +125,34 @@ bool TraceWriter::MakeRoom(size_t bytes) {
 }
 
 bool PrintTrace(std::istream& trace, std::ostream& out) {
-  Json::Value call;
+  Json::Value last;
   return ReadLines(trace, [&](const Json::Value& line) {
-    if (line["call"] != call) {
-      call = line["call"];
-      out << "call " << call.asString() << "  " << line["method"].asString() << '\n';
+    if (line["call"] != last["call"] || line["pid"] != last["pid"]) {
+      out << "call " << line["call"].asString() << "  " << line["method"].asString() << '\n';
     }
+    last = line;
     PrintLine(line, out);
   });
 }
 
 bool PrintTraceEvents(std::istream& trace, std::ostream& out) {
   constexpr Json::Int64 kMicroseconds = 1000;
-  std::map<unsigned, Json::Int64> ends;
+  std::map<std::pair<unsigned, unsigned>, Json::Int64> begins;
   const char* separator = "{\"traceEvents\":[\n";
   const bool any = ReadLines(trace, [&](const Json::Value& line) {
     Json::Value event;
     event["name"] = line["op"];
     event["cat"] = line["method"];
     event["ph"] = "X";
-    event["pid"] = 1;
+    event["pid"] = line["pid"];
     event["tid"] = line["call"];
-    // A line's time is rounded down: the next of the call begins no earlier than the last one ended.
-    Json::Int64& end = ends[line["call"].asUInt()];
-    event["ts"] = std::max(end, line["at"].asInt64() * kMicroseconds);
+    const Json::Int64 from = line["from"].asInt64();
+    const std::pair call(line["pid"].asUInt(), line["call"].asUInt());
+    event["ts"] = begins.try_emplace(call, line["at"].asInt64() * kMicroseconds - from).first->second + from;
     event["dur"] = line["us"];
     for (const char* member : {"args", "out", "result", "thrown", "fault"}) {
       if (line.isMember(member)) event["args"][member] = line[member];
     }
-    end = event["ts"].asInt64() + line["us"].asInt64();
     out << separator << ToLine(event);
     separator = ",\n";
   });

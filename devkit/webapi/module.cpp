@@ -59,6 +59,7 @@ Outcome Call(APIHandler handler, const Json::Value& params, bool admin, const st
   Trace& trace = Device::Get().trace;
   current_call = ++calls;
   current_method = method;
+  current_begin = std::chrono::steady_clock::now();
   if (admin) trace.Learn(current_call, params);
   VEXA::APICall call{params, admin, {}};
   VEXA::APIRequest request(call);
