@@ -123,6 +123,7 @@ std::string Exchange(int port, const std::string& text) {
   std::string answer;
   if (connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
     send(peer, text.data(), text.size(), MSG_NOSIGNAL);
+    shutdown(peer, SHUT_WR);
     for (char part[4096]; const ssize_t size = recv(peer, part, sizeof(part), 0);) {
       if (size < 0) break;
       answer.append(part, static_cast<size_t>(size));
@@ -405,6 +406,11 @@ TEST_F(RpcTest, PipelinedRequestsAreAnsweredInOrder) {
   for (size_t at = 0; (at = answers.find("{\"id\":", at)) != std::string::npos; ++at) answered += answers[at + 6];
   EXPECT_EQ(answered, ids);
   EXPECT_NE(answers.find("HTTP/1.1 404"), std::string::npos);
+}
+
+TEST_F(RpcTest, HalfARequestOfAClientThatIsGoneHoldsNothing) {
+  const std::string whole = Post(std::string("Host: localhost\r\n") + kJson);
+  for (const size_t size : {whole.size() / 4, whole.size() - 1}) EXPECT_EQ(Exchange(port_, whole.substr(0, size)), "");
 }
 
 TEST_F(RpcTest, TheBodyOfARefusedRequestIsNoRequest) {

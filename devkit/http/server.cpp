@@ -76,6 +76,13 @@ struct Connection {
     return stalls > 1;
   }
 
+  /// Whether the client sends no more, before its request had come. The library does not see an end that came
+  /// together with the last bytes.
+  bool IsAbandoned(Clock::time_point now) const {
+    char next = 0;
+    return stage <= Stage::kReceiving && now - since >= kTick && recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+  }
+
   /// Answers where the library would not, and ends the connection.
   void Dismiss(const Response& last) const {
     const std::string text =
@@ -276,6 +283,7 @@ class Server::Loop {
       if (BytesReceived(connection.socket) > connection.idle_bytes) connection.Begin();
       if (connection.Stalls())
         connection.Dismiss(Refusal(400, "what stands between the chunks of the body is too long"));
+      if (connection.IsAbandoned(now)) shutdown(connection.socket, SHUT_RDWR);
       if (now - connection.since < (ending_ ? kFarewell : kPatience)) continue;
       connection.since = now;
       if (connection.begun && connection.stage != Stage::kAnswering) {
