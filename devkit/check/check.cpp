@@ -1,6 +1,5 @@
-#include "devkit/host/check.h"
+#include "devkit/check/check.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -28,7 +27,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kMostRows = 1000;
 constexpr unsigned kRounds = 200;
 constexpr unsigned kEqualRounds = 10;
 constexpr size_t kHugeBytes = 1 << 17;
@@ -239,16 +237,13 @@ class MethodCheck {
 };
 
 void CheckTable(const fs::path& file, Report& report) {
-  void* library = dlopen(fs::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) throw ModuleError(dlerror());
-  const auto entry = reinterpret_cast<const APITableEntry* (*)()>(dlsym(library, "GetAPITable"));
-  if (entry == nullptr) throw ModuleError("it has no function GetAPITable");
+  const Library library(file);
   report.loaded = true;
   report.Print("loads", true, "");
 
   Copy(report.step, "reading the table");
-  const APITableEntry* row = entry();
-  const bool same = row == entry() && row == entry();
+  const APITableEntry* row = library.Table();
+  const bool same = row == library.Table() && row == library.Table();
   std::set<std::string> methods;
   std::string incomplete;
   std::string repeated;
@@ -336,7 +331,7 @@ void RunChild(const CheckOptions& options, Report& report, const std::function<v
   }
   const std::string ending = Await(child, report, std::chrono::seconds(options.limit_seconds)) + ", in " + report.step;
   const std::string problem = report.finished ? "" : report.error[0] != '\0' ? report.error : ending;
-  if (!report.loaded) throw ModuleError("cannot load '" + options.module.string() + "': " + problem);
+  if (!report.loaded) throw ModuleError(problem);
   report.Print("returns", report.finished, problem);
   const bool left = EndLeftovers();
   report.Print("processes", !left, left ? "a process was left behind, and ended" : "");

@@ -14,11 +14,11 @@
 #include <optional>
 #include <random>
 
+#include "devkit/check/check.h"
 #include "devkit/control_server/control_server.h"
 #include "devkit/device/device.h"
 #include "devkit/device/new_device.h"
 #include "devkit/device/operations.h"
-#include "devkit/host/check.h"
 #include "devkit/host/rpc_server.h"
 #include "devkit/host/trace_file.h"
 #include "devkit/webapi/description.h"

@@ -17,26 +17,24 @@ struct VEXA::APICall {
 namespace desk {
 namespace {
 
-/// A table without an end row shall not be read for ever.
-constexpr size_t kMostRows = 1000;
-
 std::atomic<unsigned> calls{0};
 
 }  // namespace
 
-Module::Module(const std::filesystem::path& file)
-    : library_(dlopen(std::filesystem::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL)) {
+Library::Library(const std::filesystem::path& file)
+    : library_(dlopen(std::filesystem::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL), &dlclose) {
   if (library_ == nullptr) throw ModuleError(std::string("cannot load the module: ") + dlerror());
-  using Entry = const APITableEntry* (*)();
-  const auto entry = reinterpret_cast<Entry>(dlsym(library_, "GetAPITable"));
-  const APITableEntry* row = entry == nullptr ? nullptr : entry();
-  while (row != nullptr && row->api != nullptr && rows_.size() < kMostRows) rows_.push_back(*row++);
-  if (!rows_.empty() && rows_.size() < kMostRows) return;
-  dlclose(library_);
-  throw ModuleError("'" + file.string() + "' hands out no method table through GetAPITable");
+  entry_ = reinterpret_cast<const APITableEntry* (*)()>(dlsym(library_.get(), "GetAPITable"));
+  if (entry_ == nullptr) throw ModuleError("'" + file.string() + "' has no function GetAPITable");
 }
 
-Module::~Module() { dlclose(library_); }
+Module::Module(const std::filesystem::path& file) : library_(file) {
+  const APITableEntry* row = library_.Table();
+  while (row != nullptr && row->api != nullptr && rows_.size() < kMostRows) rows_.push_back(*row++);
+  if (rows_.empty() || rows_.size() == kMostRows) {
+    throw ModuleError("'" + file.string() + "' hands out no method table through GetAPITable");
+  }
+}
 
 APIHandler Module::Find(const std::string& api, int version, const std::string& method) const {
   for (const APITableEntry& row : rows_) {

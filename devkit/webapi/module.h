@@ -4,6 +4,7 @@
 #include <platform/webapi.h>
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -16,14 +17,28 @@ class ModuleError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// The library of a module in this process. What it was given stays valid as long as the object lives.
+class Library {
+ public:
+  /// Loads `file`. Throws `ModuleError`, naming it, when that fails or it has no function GetAPITable.
+  explicit Library(const std::filesystem::path& file);
+
+  /// What GetAPITable gives, which is asked anew.
+  const APITableEntry* Table() const { return entry_(); }
+
+ private:
+  std::unique_ptr<void, int (*)(void*)> library_;
+  const APITableEntry* (*entry_)();
+};
+
+/// A table without an end row shall not be read for ever.
+constexpr size_t kMostRows = 1000;
+
 /// A web-API module in this process. What it was given stays valid as long as the object lives.
 class Module {
  public:
   /// Loads `file`. Throws `ModuleError`.
   explicit Module(const std::filesystem::path& file);
-  ~Module();
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
 
   /// The rows of the method table, without its end row.
   const std::vector<APITableEntry>& Rows() const { return rows_; }
@@ -32,7 +47,7 @@ class Module {
   APIHandler Find(const std::string& api, int version, const std::string& method) const;
 
  private:
-  void* library_;
+  Library library_;
   std::vector<APITableEntry> rows_;
 };
 
