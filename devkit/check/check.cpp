@@ -309,7 +309,7 @@ void RunChild(const CheckOptions& options, Report& report, const std::function<v
   const std::unique_ptr<std::string, decltype(remove)> removal(&folder, remove);
 
   report.finished = false;
-  Copy(report.step, "loading");
+  Copy(report.step, "loading '" + options.module.string() + "'");
   Copy(report.error, "");
   const pid_t child = fork();
   if (child == -1) throw std::system_error(errno, std::generic_category(), "fork");

@@ -30,7 +30,7 @@ async function open(name) {
 export async function lookAround() {
   const [files, state, script] = await askAll(["files"], ["control_state"], ["control_script"]);
   fill($("files"), files, makeFile);
-  const known = ["accounts", "devices", "aliases"].flatMap(kind => Object.entries(state?.[kind] ?? {}).map(
+  const known = ["accounts", "devices", "aliases"].flatMap(kind => Object.entries(state[kind] ?? {}).map(
     ([name, entry]) => [kind, name, entry?.id, entry?.server_id, entry?.account, entry?.device].join(" ")));
   fill($("control-state"), known, text => make("li", {}, text));
   $("control-script").textContent = JSON.stringify(script);

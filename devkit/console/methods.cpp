@@ -126,16 +126,16 @@ Json::Value ReadFile(Device& device, const Json::Value& params) {
   return result;
 }
 
-/// Holds the device, and its control server where it has one, while files are changed by hand.
-class Hold {
+/// Whether the control server is this device's own and not another program.
+bool HasControlServer(const Device& device) {
+  return fs::is_directory(fs::symlink_status(device.Locate(kControlFolder)));
+}
+
+/// Keeps the module, and the device's control server, from files that are changed by hand.
+class DeviceLock {
  public:
-  explicit Hold(const Device& device) : device_(device.Root()) {
-    const fs::path folder = device.Locate(kControlFolder);
-    if (fs::is_directory(fs::symlink_status(folder))) control_server_.emplace(folder);
-  }
-  void FillNew(const Device& device) const {
-    FillNewDevice(device.Root());
-    if (control_server_) ControlServer::FillNew(device.Locate(kControlFolder));
+  explicit DeviceLock(const Device& device) : device_(device.Root()) {
+    if (HasControlServer(device)) control_server_.emplace(device.Locate(kControlFolder));
   }
 
  private:
@@ -145,7 +145,7 @@ class Hold {
 
 Json::Value WriteFile(Device& device, const Json::Value& params) {
   if (params["text"].asString().size() > kMostBytes) throw ParamsError("a file has 512 KiB at most");
-  const Hold hold(device);
+  const DeviceLock lock(device);
   Write(Place(device, params["path"].asString()), params["text"].asString());
   return true;
 }
@@ -156,18 +156,24 @@ void RemoveFile(const fs::path& file) {
   if (error) throw FileError("cannot remove '" + file.string() + "': " + error.message());
 }
 
+/// Hold the device.
+void FillNew(const Device& device) {
+  FillNewDevice(device.Root());
+  if (HasControlServer(device)) ControlServer::FillNew(device.Locate(kControlFolder));
+}
+
 Json::Value ResetFile(Device& device, const Json::Value& params) {
-  const Hold hold(device);
+  const DeviceLock lock(device);
   RemoveFile(Place(device, params["path"].asString()));
-  hold.FillNew(device);
+  FillNew(device);
   return true;
 }
 
 Json::Value Reset(Device& device, const Json::Value&) {
-  const Hold hold(device);
+  const DeviceLock lock(device);
   device.faults.Clear();
   for (const std::string& path : ListPaths(device)) RemoveFile(device.Locate(path));
-  hold.FillNew(device);
+  FillNew(device);
   return true;
 }
 
@@ -190,10 +196,10 @@ Json::Value SetService(Device& device, const Json::Value& params) {
   return true;
 }
 
-/// What a file of the control server holds, or `otherwise`: where the device has none of its own, nor such a file, or
-/// a broken one.
+/// What a file of the control server holds; `otherwise` where the server is another program, or the file is missing or
+/// broken.
 Json::Value ReadControl(const Device& device, const char* file, const Json::Value& otherwise) {
-  if (!fs::is_directory(fs::symlink_status(device.Locate(kControlFolder)))) return otherwise;
+  if (!HasControlServer(device)) return otherwise;
   const Json::Value document = ReadJson(device, std::string(kControlFolder) + file);
   return document.type() == otherwise.type() ? document : otherwise;
 }
@@ -210,7 +216,7 @@ Json::Value SetControlScript(Device& device, const Json::Value& params) {
   for (const Json::Value& step : params["script"]) {
     if (!step.isObject()) throw ParamsError("a step of the script is no object");
   }
-  const Hold hold(device);
+  const DeviceLock lock(device);
   Write(Place(device, std::string(kControlFolder) + "/script.json"), params["script"].toStyledString());
   return true;
 }

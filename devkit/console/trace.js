@@ -45,8 +45,7 @@ function makeRow({op, us, from, args, out, result, thrown, problem, fault}, tota
 function drawTrace({lines}) {
   const total = Math.max(1, ...lines.map(({from, us}) => from + us));
   const hidden = Math.max(0, lines.length - mostRows);
-  $("trace-note").textContent = `${lines.length} lines` +
-    (hidden ? `, the first ${hidden} left out` : "");
+  $("trace-note").textContent = `${lines.length} lines` + (hidden ? `, the first ${hidden} left out` : "");
   $("trace").replaceChildren(...lines.slice(hidden).map(line => makeRow(line, total)));
 }
 

@@ -39,7 +39,7 @@ Unrecorded::~Unrecorded() { --unrecorded; }
 
 Operation::Operation(std::string name, Json::Value args) : name_(std::move(name)) {
   if (unrecorded != 0) return;
-  if (Device::Get().trace.Keeps(name_)) line_.emplace(name_, std::move(args));
+  if (Device::Get().trace.Watches(name_)) line_.emplace(name_, std::move(args));
   auto injection = Device::Get().faults.Take(name_);
   if (!injection) return;
   fault_ = std::move(injection->result);

@@ -15,7 +15,7 @@
 
 namespace desk {
 
-/// Number and method of the web-API call that this thread is serving; 0 outside a call.
+/// Number, method and beginning of the web-API call that this thread is serving; 0 outside a call.
 extern thread_local unsigned current_call;
 extern thread_local std::string current_method;
 extern thread_local std::chrono::steady_clock::time_point current_begin;

@@ -17,8 +17,8 @@ namespace desk {
 
 /// What the module asked of the device, in order: one JSON object per operation with "call" (number of the
 /// web-API call), "method", "pid", "at" (its beginning, milliseconds since the epoch), "from" (the same, microseconds
-/// since the call's), "us" (its duration), "op", "args",
-/// "out", "result" or "thrown", and "fault" where that was injected. Secrets are replaced by "(hidden)".
+/// since the call's), "us" (its duration), "op", "args", "out", "result" or "thrown", and "fault" where that was
+/// injected. Secrets are replaced by "(hidden)".
 class Trace {
  public:
   /// Takes the lines of one call, and its log lines.
@@ -42,7 +42,7 @@ class Trace {
   void Watch(std::set<std::string> operations) { watched_ = std::move(operations); }
 
   /// Whether an operation is to leave a line.
-  bool Keeps(const std::string& operation) const { return !watched_ || watched_->count(operation) != 0; }
+  bool Watches(const std::string& operation) const { return !watched_ || watched_->count(operation) != 0; }
 
   /// The lines that are kept. Valid until the next one, so take it while no call is under way.
   const std::vector<Json::Value>& Lines() const;

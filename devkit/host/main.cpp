@@ -269,10 +269,12 @@ std::string FindFaultProblem(const std::string& fault) {
 }
 
 std::string FindOriginProblem(const std::string& origin) {
-  const size_t host = origin.rfind("http://", 0) == 0 ? 7 : 8;
-  const bool is_origin = (host == 7 || origin.rfind("https://", 0) == 0) && host < origin.size() &&
-                         origin.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.-:", host) == std::string::npos;
-  return is_origin ? "" : "'" + origin + "' is no origin; write it as http://localhost:3000";
+  constexpr char kHostLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789.-:";
+  for (const std::string scheme : {"http://", "https://"}) {
+    const bool has_scheme = origin.rfind(scheme, 0) == 0 && origin.size() > scheme.size();
+    if (has_scheme && origin.find_first_not_of(kHostLetters, scheme.size()) == std::string::npos) return "";
+  }
+  return "'" + origin + "' is no origin; write it as http://localhost:3000";
 }
 
 void AddDeviceOptions(CLI::App& command, Options& options) {

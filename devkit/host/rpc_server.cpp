@@ -85,13 +85,14 @@ std::string Dispatch(const Module& module, const Json::Value& request, const std
   const std::string method = request["method"].asString();
   const Json::Value& given = request["params"];
   const Json::Value params = given.empty() ? Json::Value(Json::objectValue) : given;
-  const bool asks_description = method == "rpc.discover";
+  if (method == "rpc.discover") {
+    if (!given.empty()) return ErrorReply(id, kInvalidParams, "rpc.discover takes no parameters");
+    return Reply(id, "result", Describe(module));
+  }
   const APIHandler handler = FindHandler(module, method);
-  if (handler == nullptr && !asks_description && !IsDeskMethod(method)) {
+  if (handler == nullptr && !IsDeskMethod(method)) {
     return ErrorReply(id, kMethodNotFound, "no method '" + method + "'; methods are named API/VERSION/METHOD");
   }
-  if (asks_description && !given.empty()) return ErrorReply(id, kInvalidParams, "rpc.discover takes no parameters");
-  if (asks_description) return Reply(id, "result", Describe(module));
   if (!params.isObject()) return ErrorReply(id, kInvalidParams, "\"params\" must be an object of named parameters");
   if (handler == nullptr) return ServeDesk(method, params, id, admin);
 

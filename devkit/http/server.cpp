@@ -76,7 +76,7 @@ struct Connection {
     return stalls > 1;
   }
 
-  /// Whether the client sends no more, before its request had come. The library does not see an end that came
+  /// Whether the client sends no more, and its request has not come. The library does not see an end that came
   /// together with the last bytes.
   bool IsAbandoned(Clock::time_point now) const {
     char next = 0;
