@@ -4,8 +4,7 @@ import {$, ask, askAll, attempt, description, fill, make, on, option, say} from 
 
 const mostRows = 500;
 const mostCalls = 100;
-const mostLines = 1000;  // in one answer
-const mostAnswers = 11;  // hold all lines that the device keeps
+const mostAnswers = 30;  // hold all lines that the device keeps
 
 let calls = new Map();
 let latest, shown, failing, operations, after = 0, isFollowing = true;
@@ -94,30 +93,31 @@ export function forget() {
   $("history").replaceChildren();
 }
 
-/** Shows a new call at once, unless an older one is read. */
 function take({lines, next}) {
   if (next < after) return forget();
   after = next;
-  const follows = isFollowing && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
   for (const line of lines) {
     latest = callOf(line.call, line.method);
     latest.lines.push(line);
   }
-  if (lines.length && follows) show(latest);
 }
 
 const makeFault = ({id, fault, met}) => make("li", {}, make("code", {}, fault), ` met ${met} `,
   make("button", {className: "remove", ariaLabel: `remove ${fault}`, onclick: attempt(() => change("remove_fault", {id}))},
     "remove"));
 
+/** Shows a new call once it is whole, unless an older one is read. */
 async function lookNow() {
+  const before = after;
   operations ??= new Map((await ask("operations")).map(({operation, kinds}) => [operation, kinds]));
   for (let answers = 0; answers < mostAnswers; ++answers) {
     const [trace, faults] = await askAll(["trace", {after}], ["faults"]);
     take(trace);
     fill($("faults"), faults, makeFault);
-    if (trace.lines.length < mostLines) break;
+    if (!trace.lines.length) break;
   }
+  const follows = isFollowing && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
+  if (after > before && follows) show(latest);
 }
 
 let looking = Promise.resolve();
