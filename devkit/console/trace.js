@@ -7,7 +7,7 @@ const mostCalls = 100;
 const mostAnswers = 30;  // hold all lines that the device keeps
 
 let calls = new Map();
-let latest, shown, failing, operations, after = 0, isFollowing = true;
+let latest, shown, failing, operations, after = 0, drawn = 0, isFollowing = true;
 
 /** The answer; that to somebody else is found in the trace. */
 function answerOf({answer, lines}) {
@@ -75,7 +75,7 @@ function makeCall(number, method) {
 
 const callOf = (number, method) => calls.get(number) ?? makeCall(number, method);
 
-/** Shows an answered call of this page, and its trace where that can be had. */
+/** Shows an answered call, and its trace where that can be had. */
 export async function enter(method, {answer, number}) {
   try {
     await look();
@@ -108,16 +108,17 @@ const makeFault = ({id, fault, met}) => make("li", {}, make("code", {}, fault), 
 
 /** Shows a new call once it is whole, unless an older one is read. */
 async function lookNow() {
-  const before = after;
   operations ??= new Map((await ask("operations")).map(({operation, kinds}) => [operation, kinds]));
   for (let answers = 0; answers < mostAnswers; ++answers) {
     const [trace, faults] = await askAll(["trace", {after}], ["faults"]);
     take(trace);
     fill($("faults"), faults, makeFault);
-    if (!trace.lines.length) break;
+    if (trace.lines.length) continue;
+    const follows = isFollowing && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
+    if (after > drawn && follows) show(latest);
+    drawn = after;
+    break;
   }
-  const follows = isFollowing && !$("trace").contains(document.activeElement) && !$("fail-dialog").open;
-  if (after > before && follows) show(latest);
 }
 
 let looking = Promise.resolve();
