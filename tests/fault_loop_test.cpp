@@ -254,8 +254,7 @@ TEST_P(FaultLoopTest, EveryAllocationFails) {
       SCOPED_TRACE(number);
       CheckContract(outcome);
       CheckCall(FullName(method_), outcome, device->trace.Lines());
-      const bool stored = method_ == "Permission/1/set" && !outcome.thrown && outcome.answers.at(0).success;
-      EXPECT_TRUE(!stored || Read(kServices) == left_[kServices]) << "the list that counts as stored";
+      EXPECT_TRUE(outcome.thrown) << "want of memory is nobody's mistake, and no answer";
       if (onwards) ExpectWorks();
       if (HasFailure()) return;
     }

@@ -25,9 +25,10 @@ for script in "$source"/script/* "$source/.ci/run"; do
   expect 0 1 "$script" --help
   expect 2 2 "$script" --no-such-argument
 done
-expect 2 2 "$source/script/server" --port
-expect 2 2 "$source/script/server" --port none
-expect 2 2 "$source/script/server" --root folder --port=none
+for wrong in --port --port=none --fault=nonsense --allow-origin=desk --module=/nowhere.so; do
+  expect 2 2 "$source/script/server" --root folder "$wrong"
+done
+expect 2 2 "$source/script/bench" --profile 'no such row'
 
 options() { grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -vx -- --help | sort; }
 diff --unified --label script/server --label "webapi-host serve" \
