@@ -61,6 +61,14 @@ std::string Judge(const Outcome& outcome, bool reads) {
   throw std::runtime_error("answered " + result + " with " + ToJsonText(answer.data));
 }
 
+/// Only a list that other programs of the device can read is stored.
+void ExpectServices(const Json::Value& list) {
+  bool fits = list.isArray();
+  for (const Json::Value& entry : list)
+    fits = fits && entry.isObject() && entry["id"].isString() && entry["enabled"].isBool();
+  if (!fits) throw std::runtime_error("stored a list of services that is none: " + ToJsonText(list));
+}
+
 void ExpectRefusal(const Outcome& outcome) {
   if (outcome.Problem().empty() && outcome.answers.front().code == kNotAdministrator) return;
   throw std::runtime_error("served a caller who is no administrator");
@@ -96,7 +104,9 @@ std::string Stage::Play(const Json::Value& scene) {
   if (!reads) ExpectRefusal(refused);
   if (left_open) throw std::runtime_error("left a file open");
   if (outcome.thrown && asked) throw std::runtime_error("threw at what the control server answered");
-  return Judge(outcome, reads);
+  const std::string result = Judge(outcome, reads);
+  if (method == "Permission/1/set" && result == "success") ExpectServices(ReadJson(kServices));
+  return result;
 }
 
 void Stage::SetFiles(const Json::Value& files) const {
