@@ -8,6 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <deque>
+#include <future>
+
 #include "devkit/webapi/description.h"
 #include "tests/description_check.h"
 #include "tests/desk_fixture.h"
@@ -114,24 +117,42 @@ TEST_F(HostTest, APortInUseIsAMistakeOfTheCaller) {
   EXPECT_FALSE(Exists("desk/another/desk/control-server/port")) << "another program's may stand there";
 }
 
-/// Sends `text` to a port of this machine and returns all that comes back until the connection ends.
-std::string Exchange(int port, const std::string& text) {
-  const int peer = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::string answer;
-  if (connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
-    send(peer, text.data(), text.size(), MSG_NOSIGNAL);
-    shutdown(peer, SHUT_WR);
-    for (char part[4096]; const ssize_t size = recv(peer, part, sizeof(part), 0);) {
-      if (size < 0) break;
+/// A client with a connection to a port of this machine.
+class Peer {
+ public:
+  explicit Peer(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  }
+  ~Peer() { close(socket_); }
+  void Send(const std::string& text) const { send(socket_, text.data(), text.size(), MSG_NOSIGNAL); }
+  void SendLast(const std::string& text) const {
+    Send(text);
+    shutdown(socket_, SHUT_WR);
+  }
+  /// What comes until the connection ends, or `end` has come.
+  std::string Receive(const std::string& end = "") const {
+    std::string answer;
+    for (char part[4096]; end.empty() || answer.find(end) == std::string::npos;) {
+      const ssize_t size = recv(socket_, part, sizeof(part), 0);
+      if (size <= 0) break;
       answer.append(part, static_cast<size_t>(size));
     }
+    return answer;
   }
-  close(peer);
-  return answer;
+
+ private:
+  const int socket_ = socket(AF_INET, SOCK_STREAM, 0);
+};
+
+/// Sends `text` to a port of this machine and returns all that comes back until the connection ends.
+std::string Exchange(int port, const std::string& text) {
+  const Peer peer(port);
+  peer.SendLast(text);
+  return peer.Receive();
 }
 
 constexpr char kStatus[] = R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/status"})";
@@ -368,6 +389,7 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(coded, "5;" + megabyte), 400},
       {Post(std::string("Connection: close\r\n") + kJson), 400},
       {Post(std::string("Host: desk.example\r\nConnection: close\r\n") + kJson), 403},
+      {Post(std::string("Host: localhost:evil\r\nConnection: close\r\n") + kJson), 403},
       {Post(head + "Origin: http://localhost:1\r\n"), 403},
       {Post(head + "Origin: null\r\n"), 403},
       {"GET /nothing HTTP/1.1\r\n" + local + "\r\n", 404},
@@ -393,7 +415,7 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
   EXPECT_EQ(Send(R"({"jsonrpc": "2.0", "method": "VEXA.Core.TunnelBridge/1/status"})").substr(0, 12), "HTTP/1.1 204");
 }
 
-TEST_F(RpcTest, PipelinedRequestsAreAnsweredInOrder) {
+TEST_F(RpcTest, PipelinedRequestsAreAnsweredInOrderWhenNoMoreCome) {
   std::string requests;
   std::string ids;
   for (int id = 1; id <= 7; ++id) {
@@ -401,12 +423,26 @@ TEST_F(RpcTest, PipelinedRequestsAreAnsweredInOrder) {
     requests += Post(std::string("Host: localhost\r\n") + kJson, call.replace(call.find("1,"), 1, std::to_string(id)));
     ids += std::to_string(id);
   }
-  const std::string answers =
-      Exchange(port_, requests + "GET /nothing HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
-  std::string answered;
-  for (size_t at = 0; (at = answers.find("{\"id\":", at)) != std::string::npos; ++at) answered += answers[at + 6];
-  EXPECT_EQ(answered, ids);
-  EXPECT_NE(answers.find("HTTP/1.1 404"), std::string::npos);
+  std::deque<Peer> peers;
+  for (int peer = 0; peer < 16; ++peer) peers.emplace_back(port_).SendLast(requests + "GET /nothing HTTP/1.1\r\n\r\n");
+  for (const Peer& peer : peers) {
+    const std::string answers = peer.Receive();
+    std::string answered;
+    for (size_t at = 0; (at = answers.find("{\"id\":", at)) != std::string::npos; ++at) answered += answers[at + 6];
+    EXPECT_EQ(answered, ids);
+    EXPECT_NE(answers.find("HTTP/1.1 4"), std::string::npos);
+  }
+}
+
+TEST_F(RpcTest, ARequestUnderWayIsAnsweredBeforeTheEnd) {
+  auto server = std::make_unique<RpcServer>(TheModule(), "secret");
+  const Peer peer(server->Start(0));
+  const std::string whole = Post(std::string("Host: localhost\r\nExpect: 100-continue\r\n") + kJson);
+  peer.Send(whole.substr(0, whole.find('{')));
+  EXPECT_NE(peer.Receive("\r\n\r\n").find("HTTP/1.1 100"), std::string::npos) << "its head has come";
+  const auto end = std::async(std::launch::async, [&server] { server.reset(); });
+  peer.Send(whole.substr(whole.find('{')));
+  EXPECT_NE(peer.Receive().find("\"result\""), std::string::npos);
 }
 
 TEST_F(RpcTest, HalfARequestOfAClientThatIsGoneHoldsNothing) {

@@ -12,7 +12,7 @@ let latest, shown, failing, operations, after = 0, drawn = 0, isFollowing = true
 /** The answer; that to somebody else is found in the trace. */
 function answerOf({answer, lines}) {
   if (answer) return answer;
-  const {op = "", args: [value] = [-32603]} =
+  const {op = "", args: [value] = ["no answer seen"]} =
     lines.findLast(({op, result}) => op.startsWith("APIResponse::") && result) ?? {};
   return op.endsWith("Success") ? {result: value} : {error: description.components.errors[value] ?? {code: value}};
 }

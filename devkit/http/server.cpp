@@ -36,13 +36,17 @@ constexpr size_t kMostHeadBytes = 16 << 10;
 constexpr size_t kMostBodyBytes = 1 << 20;
 /// What a client may go on sending of a body that is refused, to read the answer after that.
 constexpr size_t kMostDrainedBytes = 16 << 20;
-/// Bodies of all connections, and of all calls at work, which need up to 400 times as much memory.
+/// Bodies of all connections, and of all calls at work, which need up to 400 times as much memory. There is always room
+/// for the work on a small one.
 constexpr size_t kMostHeldBytes = 64 << 20;
 constexpr size_t kMostBytesAtWork = 2 << 20;
+constexpr size_t kSmallBytes = 4 << 10;
 /// For a request to arrive, for its answer to be taken, and for the next one to begin.
 constexpr auto kPatience = std::chrono::seconds(30);
 constexpr auto kFarewell = std::chrono::seconds(2);
 constexpr auto kTick = std::chrono::milliseconds(500);
+/// A limit of the library's own that never runs out.
+constexpr unsigned kNeverSeconds = 3600;
 /// Connections beyond the bound, on their way out.
 constexpr unsigned kSpareConnections = 100;
 constexpr rlim_t kDescriptors = 4096;
@@ -155,7 +159,9 @@ std::optional<Response> CheckFrame(const Request& request, size_t head_bytes) {
 std::optional<Response> CheckSender(const Request& request, const std::vector<std::string>& hosts,
                                     const std::vector<std::string>& origins) {
   const std::string host = Lower(request.Header("host"));
-  if (!hosts.empty() && !Contains(hosts, host.substr(0, host.rfind(':')))) {
+  const size_t colon = std::min(host.rfind(':'), host.size());
+  const bool has_port = host.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+  if (!hosts.empty() && !(has_port && Contains(hosts, host.substr(0, colon)))) {
     return Refusal(403, "the Host header names neither 127.0.0.1 nor localhost");
   }
   const std::string origin = request.Header("origin");
@@ -207,14 +213,15 @@ class Server::Loop {
   }
 
   ~Loop() {
+    ending_ = true;
+    eventfd_write(wake_, 1);
+    thread_.join();
     {
       const std::lock_guard lock(mutex_);
-      ending_ = true;
+      ended_ = true;
       added_.notify_all();
     }
     for (std::thread& worker : workers_) worker.join();
-    eventfd_write(wake_, 1);
-    thread_.join();
     MHD_stop_daemon(daemon_);
     close(wake_);
   }
@@ -256,9 +263,10 @@ class Server::Loop {
     }
   }
 
-  /// Waits for all connections until the server ends and the answers are taken.
+  /// Waits for all connections until the server ends and no request is under way.
   void Wait() {
-    const auto is_served = [](const auto& entry) { return entry.second.stage >= Stage::kAtWork; };
+    const auto is_served = [](const auto& entry) { return entry.second.stage != Stage::kWaiting; };
+    bool bids_farewell = false;
     pollfd sources[] = {{MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd, POLLIN, 0},
                         {wake_, POLLIN, 0}};
     auto last_tick = Clock::now();
@@ -272,6 +280,9 @@ class Server::Loop {
       MHD_run(daemon_);
       if (!ending_ && Clock::now() - last_tick < kTick) continue;
       last_tick = Clock::now();
+      if (ending_ && !std::exchange(bids_farewell, true)) {
+        for (auto& [handle, connection] : connections_) connection.since = last_tick;
+      }
       EndOverdue(last_tick);
       if (ending_ && std::none_of(connections_.begin(), connections_.end(), is_served)) return;
     }
@@ -287,7 +298,7 @@ class Server::Loop {
       if (now - connection.since < (ending_ ? kFarewell : kPatience)) continue;
       connection.since = now;
       if (connection.begun && connection.stage != Stage::kAnswering) {
-        connection.Dismiss(Refusal(408, "the request did not arrive within 30 s"));
+        connection.Dismiss(Refusal(408, "the request did not arrive in time"));
       }
       shutdown(connection.socket, SHUT_RDWR);
     }
@@ -347,6 +358,9 @@ class Server::Loop {
     if (queue_.size() >= idle_workers_ && workers_.size() < kMostWorkers) AddWorker();
     queue_.push_back(&connection);
     connection.stage = Stage::kAtWork;
+    // A resumed connection is asked for its answer first only if it has a limit of its own. The library would read on
+    // before that, and drop the connection of a client that has finished sending.
+    MHD_set_connection_option(connection.handle, MHD_CONNECTION_OPTION_TIMEOUT, kNeverSeconds);
     MHD_suspend_connection(connection.handle);
     added_.notify_one();
     return MHD_YES;
@@ -360,13 +374,20 @@ class Server::Loop {
     }
   }
 
-  /// Answers requests, the first that memory suffices for first, until the server ends and none is left.
+  /// What counts of a request's body while it is at work.
+  static size_t BytesAtWork(const Connection& connection) {
+    const size_t bytes = connection.request.body.size();
+    return bytes > kSmallBytes ? bytes : 0;
+  }
+
+  /// Answers requests, the first that memory suffices for first, until the server has ended.
   void Work() {
     const auto fits = [this](const Connection* waiting) {
-      return bytes_at_work_ + waiting->request.body.size() <= kMostBytesAtWork;
+      const size_t bytes = BytesAtWork(*waiting);
+      return bytes == 0 || bytes_at_work_ + bytes <= kMostBytesAtWork;
     };
     std::unique_lock lock(mutex_);
-    while (!ending_ || !queue_.empty()) {
+    while (!ended_) {
       const auto next = std::find_if(queue_.begin(), queue_.end(), fits);
       if (next == queue_.end()) {
         ++idle_workers_;
@@ -375,7 +396,7 @@ class Server::Loop {
         continue;
       }
       Connection& connection = **next;
-      const size_t bytes = connection.request.body.size();
+      const size_t bytes = BytesAtWork(connection);
       queue_.erase(next);
       bytes_at_work_ += bytes;
       lock.unlock();
@@ -428,7 +449,9 @@ class Server::Loop {
   size_t bytes_at_work_ = 0;
   size_t idle_workers_ = 0;
   std::vector<std::thread> workers_;
+  /// No new request is taken; and none is left.
   std::atomic<bool> ending_{false};
+  bool ended_ = false;
   std::thread thread_;
 };
 

@@ -38,7 +38,7 @@ class Server {
   /// `hosts` are the names that a Host header may give, in small letters and without a port; none: any name.
   /// A request with an Origin is refused unless that is one of `origins`, or the server's own under one of `hosts`.
   explicit Server(std::vector<std::string> hosts = {}, std::vector<std::string> origins = {});
-  /// Answers the requests that have arrived.
+  /// Takes no new requests, and answers those whose head has come, if the rest comes within 2 s.
   ~Server();
 
   /// Has `handler` answer, on several threads at once. Set all routes before the start.
