@@ -12,7 +12,7 @@ let latest, shown, failing, operations, after = 0, drawn = 0, isFollowing = true
 /** The answer; that to somebody else is found in the trace. */
 function answerOf({answer, lines}) {
   if (answer) return answer;
-  const {op = "", args: [value] = ["no answer seen"]} =
+  const {op = "", args: [value] = ["no answer"]} =
     lines.findLast(({op, result}) => op.startsWith("APIResponse::") && result) ?? {};
   return op.endsWith("Success") ? {result: value} : {error: description.components.errors[value] ?? {code: value}};
 }
@@ -88,7 +88,7 @@ export async function enter(method, {answer, number}) {
 
 /** Begins with the first line again. */
 export function forget() {
-  after = 0;
+  after = drawn = 0;
   calls = new Map();
   $("history").replaceChildren();
 }

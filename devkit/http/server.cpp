@@ -265,7 +265,7 @@ class Server::Loop {
 
   /// Waits for all connections until the server ends and no request is under way.
   void Wait() {
-    const auto is_served = [](const auto& entry) { return entry.second.stage != Stage::kWaiting; };
+    const auto is_under_way = [](const auto& entry) { return entry.second.stage != Stage::kWaiting; };
     bool bids_farewell = false;
     pollfd sources[] = {{MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd, POLLIN, 0},
                         {wake_, POLLIN, 0}};
@@ -284,7 +284,7 @@ class Server::Loop {
         for (auto& [handle, connection] : connections_) connection.since = last_tick;
       }
       EndOverdue(last_tick);
-      if (ending_ && std::none_of(connections_.begin(), connections_.end(), is_served)) return;
+      if (ending_ && std::none_of(connections_.begin(), connections_.end(), is_under_way)) return;
     }
   }
 
@@ -449,8 +449,9 @@ class Server::Loop {
   size_t bytes_at_work_ = 0;
   size_t idle_workers_ = 0;
   std::vector<std::thread> workers_;
-  /// No new request is taken; and none is left.
+  /// No new request is taken.
   std::atomic<bool> ending_{false};
+  /// No request is left.
   bool ended_ = false;
   std::thread thread_;
 };
