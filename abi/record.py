@@ -69,8 +69,10 @@ def main(module, debug_file, expected=None):
         return print("\n".join(found))
     with open(expected, encoding="utf-8") as file:
         differences = list(difflib.unified_diff(file.read().splitlines(), found, expected, module, lineterm=""))
-    print("\n".join(differences))
-    sys.exit(1 if differences else 0)
+    if differences:
+        print(*differences, sep="\n")
+        sys.exit(f"The module's binary interface differs from {expected}. Where that is meant, record the new one:\n"
+                 f"  {sys.argv[0]} '{module}' '{debug_file}' >'{expected}'")
 
 
 if __name__ == "__main__":

@@ -25,8 +25,16 @@ install(CODE [[
     RENAME "${CMAKE_MATCH_2}.debug" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 ]] COMPONENT debug)
 
-execute_process(COMMAND gzip --best --no-name --stdout "${CMAKE_SOURCE_DIR}/CHANGELOG.md"
-  OUTPUT_FILE "${CMAKE_BINARY_DIR}/changelog.gz" COMMAND_ERROR_IS_FATAL ANY)
+# Debian's form of a changelog, dated by SOURCE_DATE_EPOCH; what changed is told once.
+set(CPACK_PACKAGE_CONTACT "TunnelBridge maintainers <maintainers@tunnelbridge.invalid>")
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+file(WRITE "${CMAKE_BINARY_DIR}/changelog" "tunnelbridge (${PROJECT_VERSION}) unstable; urgency=medium
+
+  * See CHANGELOG.md.
+
+ -- ${CPACK_PACKAGE_CONTACT}  ${date}
+")
+execute_process(COMMAND gzip --best --no-name --force changelog WORKING_DIRECTORY "${CMAKE_BINARY_DIR}" COMMAND_ERROR_IS_FATAL ANY)
 
 set(CPACK_COMPONENTS_ALL module debug)
 if(TUNNELBRIDGE_DESK)
@@ -41,7 +49,6 @@ if(TUNNELBRIDGE_DESK)
   install(FILES cmake/webapi-host.bash DESTINATION share/bash-completion/completions RENAME webapi-host COMPONENT desk)
   install(DIRECTORY docs DESTINATION share/doc/tunnelbridge-desk COMPONENT desk)
 endif()
-set(CPACK_PACKAGE_CONTACT "TunnelBridge maintainers <maintainers@tunnelbridge.invalid>")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -50,7 +57,6 @@ set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${architecture})
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEBUG_PACKAGE_SECTION debug)
 set(CPACK_DEBIAN_DESK_PACKAGE_SECTION devel)
-set(CPACK_DEBIAN_MODULE_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DESK_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DESK_PACKAGE_DEPENDS "tunnelbridge-module (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEBUG_PACKAGE_DEPENDS "tunnelbridge-module (= ${PROJECT_VERSION})")
@@ -69,7 +75,7 @@ foreach(component IN ITEMS module debug desk)
   if(component STREQUAL "debug")
     set(name tunnelbridge-module-dbgsym)
   endif()
-  install(FILES cmake/copyright "${CMAKE_BINARY_DIR}/changelog.gz" DESTINATION share/doc/${name} COMPONENT ${component})
+  install(FILES cmake/copyright CHANGELOG.md "${CMAKE_BINARY_DIR}/changelog.gz" DESTINATION share/doc/${name} COMPONENT ${component})
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name})
   set(CPACK_ARCHIVE_${upper}_FILE_NAME ${name}_${PROJECT_VERSION}_${architecture})
 endforeach()
