@@ -42,7 +42,7 @@ if(TUNNELBRIDGE_DESK)
   set(manual "${CMAKE_BINARY_DIR}/webapi-host.1.gz")
   add_custom_command(OUTPUT "${manual}" VERBATIM
     COMMAND "${CMAKE_SOURCE_DIR}/script/manual" $<TARGET_FILE:webapi-host> "${manual}"
-    DEPENDS webapi-host script/manual)
+    DEPENDS webapi-host "${CMAKE_SOURCE_DIR}/script/manual")
   add_custom_target(manual DEPENDS "${manual}")
   add_dependencies(packed manual)
   install(FILES "${manual}" DESTINATION share/man/man1 COMPONENT desk)
