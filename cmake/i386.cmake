@@ -5,10 +5,6 @@ if(NOT EXISTS "${i386_libraries}")
   message(FATAL_ERROR "There are no 32-bit libraries in ${i386_root}; run script/fetch-i386")
 endif()
 
-if(i386_root MATCHES " ")
-  message(FATAL_ERROR "pkg-config gives no usable paths in '${i386_root}'; build for 32 bits in a folder without blanks")
-endif()
-
 set(CMAKE_CXX_COMPILER g++)
 set(CMAKE_CXX_FLAGS_INIT "-m32 -march=i686")
 set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES "${i386_root}/usr/include" "${i386_root}/usr/include/i386-linux-gnu")
