@@ -71,11 +71,8 @@ void Change(Json::Value& tree) {
 
 /// Null when the bytes are no scene, as the empty input that libFuzzer begins with.
 Json::Value Load(const std::uint8_t* data, size_t size) {
-  Json::Value scene;
-  std::string problem;
-  const std::string text(reinterpret_cast<const char*>(data), size);
-  if (!ParseJson(text, scene, problem) || !scene.isObject()) return Json::Value();
-  return scene;
+  const auto scene = TryParseJson(std::string(reinterpret_cast<const char*>(data), size));
+  return scene && scene->isObject() ? *scene : Json::Value();
 }
 
 /// Stores `scene` with another value for the fuzzed part; the result is 0, for none, when it is of another type or

@@ -14,6 +14,7 @@
 
 #include "devkit/device/operations.h"
 #include "devkit/device/trace.h"
+#include "devkit/device/json.h"
 #include "devkit/webapi/description.h"
 
 namespace desk {

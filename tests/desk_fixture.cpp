@@ -1,6 +1,5 @@
 #include "tests/desk_fixture.h"
 
-#include <json/reader.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 
@@ -29,12 +28,6 @@ APIHandler FindHandler(const std::string& method) {
     if (MethodName(row) == FullName(method)) return row.handler;
   }
   return nullptr;
-}
-
-Json::Value ParseJson(const std::string& text) {
-  Json::Value value;
-  if (!Json::Reader().parse(text, value, false)) ADD_FAILURE() << "the test holds broken JSON: " << text;
-  return value;
 }
 
 std::vector<std::string> Split(const std::string& text, const std::string& separator) {

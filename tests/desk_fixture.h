@@ -84,8 +84,6 @@ const Module& TheModule();
 std::string FullName(const std::string& method);
 APIHandler FindHandler(const std::string& method);
 
-Json::Value ParseJson(const std::string& text);
-
 /// The rows of a table in tests/data: one a line, columns apart by " | ", "-" where there is nothing;
 /// '#' starts a comment.
 using Row = std::vector<std::string>;

@@ -58,11 +58,7 @@ struct Report {
     broken = broken || !holds;
     ++checks;
     failures += holds ? 0 : 1;
-    Json::Value line;
-    line["subject"] = subject;
-    line["check"] = check;
-    line["ok"] = holds;
-    line["detail"] = detail;
+    const Json::Value line = Object({{"subject", subject}, {"check", check}, {"ok", holds}, {"detail", detail}});
     const std::string words = (holds ? "ok    " : "FAIL  ") + std::string(subject) + "  " + check;
     Write(json ? ToLine(line) : detail.empty() ? words : words + ": " + detail);
   }
@@ -359,10 +355,8 @@ bool CheckModule(const CheckOptions& options) {
     Copy(report->subject, "row " + std::to_string(index + 1));
     RunChild(options, *report, [&] { CheckMethod(options, index, *report); });
   }
-  Json::Value verdict;
-  verdict["checks"] = report->checks;
-  verdict["failures"] = report->failures;
-  verdict["seed"] = options.seed;
+  const Json::Value verdict =
+      Object({{"checks", report->checks}, {"failures", report->failures}, {"seed", options.seed}});
   report->Write(options.json ? ToLine(verdict)
                              : std::to_string(report->checks) + " checks, " + std::to_string(report->failures) +
                                    " failures, seed " + seed);

@@ -58,11 +58,7 @@ std::vector<std::string> ListPaths(const Device& device) {
 }
 
 /// JSON holds any text, but no other bytes.
-bool IsText(const std::string& bytes) {
-  Json::Value again;
-  std::string problem;
-  return ParseJson(ToLine(bytes), again, problem) && again == bytes;
-}
+bool IsText(const std::string& bytes) { return TryParseJson(ToLine(bytes)) == std::optional<Json::Value>(bytes); }
 
 void Write(const fs::path& file, const std::string& text) {
   if (!StoreText(file, text)) throw FileError("cannot write '" + file.string() + "'");
@@ -78,13 +74,11 @@ Json::Value GetOperations(Device&, const Json::Value&) { return ListOperations()
 Json::Value GetFaults(Device& device, const Json::Value&) { return device.faults.List(); }
 
 Json::Value AddFault(Device& device, const Json::Value& params) {
-  Json::Value result;
   try {
-    result["id"] = device.faults.Add(params["fault"].asString());
+    return Object({{"id", device.faults.Add(params["fault"].asString())}});
   } catch (const std::invalid_argument& problem) {
     throw ParamsError(problem.what());
   }
-  return result;
 }
 
 Json::Value RemoveFault(Device& device, const Json::Value& params) {
@@ -106,10 +100,7 @@ Json::Value GetFiles(Device& device, const Json::Value&) {
     if (lstat(device.Locate(path).c_str(), &status) != 0) continue;
     char mode[8];
     std::snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(status.st_mode & ALLPERMS));
-    Json::Value& file = list.append(Json::objectValue);
-    file["path"] = path;
-    file["size"] = Json::Int64(status.st_size);
-    file["mode"] = mode;
+    list.append(Object({{"path", path}, {"size", Json::Int64(status.st_size)}, {"mode", mode}}));
   }
   return list;
 }
@@ -121,9 +112,7 @@ Json::Value ReadFile(Device& device, const Json::Value& params) {
   if (text->size() > kMostBytes || !IsText(*text)) {
     throw ParamsError("the file is larger than 512 KiB or no UTF-8 text; look at '" + file.string() + "' itself");
   }
-  Json::Value result;
-  result["text"] = *text;
-  return result;
+  return Object({{"text", *text}});
 }
 
 /// Whether the control server is this device's own and not another program.

@@ -8,7 +8,6 @@
 #include <limits>
 
 #include "devkit/device/device.h"
-#include "devkit/device/trace.h"
 
 namespace desk {
 namespace {
@@ -44,11 +43,7 @@ constexpr char kNewState[] = R"({
 }
 )";
 
-Json::Value Error(int code) {
-  Json::Value answer;
-  answer["error"]["code"] = code;
-  return answer;
-}
+Json::Value Error(int code) { return Object({{"error", Object({{"code", code}})}}); }
 
 bool IsName(const std::string& text, size_t most) { return !text.empty() && text.size() <= most; }
 
@@ -82,17 +77,10 @@ Json::Value RegisterDevice(Json::Value& state, const Json::Value& request) {
     device["server_id"] = std::to_string(next);
     state["next_server_id"] = next + 1;
   }
-  Json::Value answer;
-  answer["serverID"] = device["server_id"];
-  return answer;
+  return Object({{"serverID", device["server_id"]}});
 }
 
-Json::Value NameRegisterSite() {
-  Json::Value answer;
-  answer["host"] = "eu.control.vexa.example";
-  answer["region"] = "eu";
-  return answer;
-}
+Json::Value NameRegisterSite() { return Object({{"host", "eu.control.vexa.example"}, {"region", "eu"}}); }
 
 /// Finds the account that a request names, and checks what the request proves it with.
 int FindAccount(const Json::Value& state, const Json::Value& request, std::string& name) {
@@ -137,8 +125,7 @@ Json::Value SetAlias(Json::Value& state, const Json::Value& request) {
   for (const std::string& name : state["aliases"].getMemberNames()) {
     if (Text(state["aliases"][name], "device") != device) aliases[name] = state["aliases"][name];
   }
-  aliases[alias]["account"] = account;
-  aliases[alias]["device"] = device;
+  aliases[alias] = Object({{"account", account}, {"device", device}});
   state["aliases"] = aliases;
   return Json::Value(Json::objectValue);
 }
@@ -195,10 +182,8 @@ ControlServer::~ControlServer() {
 }
 
 http::Response ControlServer::Serve(const std::string& text) {
-  Json::Value body;
-  std::string problem;
-  if (!ParseJson(text, body, problem)) body = Json::Value();
-  if (!body.isObject()) body = Json::Value(Json::objectValue);
+  Json::Value body = TryParseJson(text).value_or(Json::objectValue);
+  if (!body.isObject()) body = Json::objectValue;
   try {
     const Json::Value step = TakeStep(Text(body, "command"));
     Delay(step);

@@ -1,8 +1,5 @@
 #include "devkit/device/device.h"
 
-#include <json/reader.h>
-
-#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -48,32 +45,6 @@ void AddStoredFaults(Faults& faults, const fs::path& file) {
   }
 }
 
-bool ParseOnce(const std::string& text, Json::Value& value, std::string& problem) {
-  static const Json::CharReaderBuilder builder = [] {
-    Json::CharReaderBuilder made;
-    Json::CharReaderBuilder::strictMode(&made.settings_);
-    made["strictRoot"] = false;
-    return made;
-  }();
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  try {
-    return reader->parse(text.data(), text.data() + text.size(), &value, &problem);
-  } catch (const Json::Exception& error) {
-    problem = error.what();
-    return false;
-  }
-}
-
-/// Such a name would be checked whole and written up to the NUL byte.
-bool HasNulInName(const Json::Value& value) {
-  if (!value.isObject() && !value.isArray()) return false;
-  for (auto item = value.begin(); item != value.end(); ++item) {
-    if (value.isObject() && item.name().find('\0') != std::string::npos) return true;
-    if (HasNulInName(*item)) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 Device::Device(const fs::path& root, Clock clock) : root_(PrepareRoot(root)), clock_(clock) {
@@ -106,21 +77,6 @@ void Device::Sleep(std::chrono::microseconds pause) {
   } else {
     std::this_thread::sleep_for(pause);
   }
-}
-
-bool ParseJson(const std::string& text, Json::Value& value, std::string& problem) {
-  if (text.find('\0') != std::string::npos) {
-    problem = "it holds a NUL byte";
-    return false;
-  }
-  // jsoncpp calls a number broken for which it had no memory: the second attempt has it, or throws.
-  if (!ParseOnce(text, value, problem) && !ParseOnce(text, value, problem)) {
-    std::replace(problem.begin(), problem.end(), '\n', ' ');
-    return false;
-  }
-  if (!HasNulInName(value)) return true;
-  problem = "the name of a member holds a NUL byte";
-  return false;
 }
 
 std::optional<Json::Value> Device::Load(const std::string& device_path) {

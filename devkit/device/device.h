@@ -1,7 +1,5 @@
 #pragma once
 
-#include <json/value.h>
-
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -9,6 +7,7 @@
 
 #include "devkit/device/faults.h"
 #include "devkit/device/files.h"
+#include "devkit/device/json.h"
 #include "devkit/device/trace.h"
 
 namespace desk {
@@ -57,11 +56,5 @@ class Device {
   Clock clock_;
   std::atomic<std::int64_t> counted_{0};
 };
-
-/// Parses one JSON document and nothing after it, from whomever it comes. False, with `problem` saying why, when
-/// `text` is none, holds a member twice, is nested more than 999 deep, or names a member with a NUL byte. Comments
-/// are refused before a value and dropped after one. Throws `std::bad_alloc` for want of memory, which makes no
-/// document a broken one.
-bool ParseJson(const std::string& text, Json::Value& value, std::string& problem);
 
 }  // namespace desk

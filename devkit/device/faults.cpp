@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "devkit/device/json.h"
 #include "devkit/device/operations.h"
 
 namespace desk {
@@ -92,10 +93,7 @@ Json::Value Faults::List() const {
   const std::lock_guard lock(mutex_);
   Json::Value list(Json::arrayValue);
   for (const Fault& fault : faults_) {
-    Json::Value& entry = list.append(Json::objectValue);
-    entry["id"] = fault.id;
-    entry["fault"] = fault.text;
-    entry["met"] = fault.met;
+    list.append(Object({{"id", fault.id}, {"fault", fault.text}, {"met", fault.met}}));
   }
   return list;
 }

@@ -92,10 +92,7 @@ std::optional<std::string> LoadText(const fs::path& path) {
 std::optional<Json::Value> LoadJson(const fs::path& file) {
   const auto text = LoadText(file);
   if (!text) return std::nullopt;
-  Json::Value document;
-  std::string problem;
-  if (!ParseJson(*text, document, problem)) return Json::Value();
-  return document;
+  return TryParseJson(*text).value_or(Json::Value());
 }
 
 bool StoreText(const fs::path& file, const std::string& text) {
@@ -115,9 +112,7 @@ bool StoreJson(const fs::path& file, const Json::Value& document) {
   static const Json::StreamWriterBuilder writer;
   const std::string text = Json::writeString(writer, document) + "\n";
   // A stream keeps quiet about memory that it could not get: the text may be cut short.
-  Json::Value whole;
-  std::string problem;
-  return ParseJson(text, whole, problem) && StoreText(file, text);
+  return TryParseJson(text) && StoreText(file, text);
 }
 
 void RemoveParts(const fs::path& folder) {
@@ -125,10 +120,6 @@ void RemoveParts(const fs::path& folder) {
   for (const auto& entry : fs::directory_iterator(folder, error)) {
     if (entry.path().extension() == kPart) fs::remove(entry.path(), error);
   }
-}
-
-std::string Text(const Json::Value& object, const std::string& member) {
-  return object.isObject() && object[member].isString() ? object[member].asString() : "";
 }
 
 }  // namespace desk

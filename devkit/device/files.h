@@ -43,7 +43,4 @@ bool StoreJson(const std::filesystem::path& file, const Json::Value& document);
 /// Removes what programs left behind in a folder that ended in the middle of `StoreText`. Hold the folder.
 void RemoveParts(const std::filesystem::path& folder);
 
-/// A text member; empty when it is missing or no text.
-std::string Text(const Json::Value& object, const std::string& member);
-
 }  // namespace desk

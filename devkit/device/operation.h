@@ -161,12 +161,4 @@ void Construct(const char* name, const Json::Value& args, Work work) {
   });
 }
 
-/// Makes a trace's list of arguments.
-template <typename... Values>
-Json::Value Args(const Values&... values) {
-  Json::Value args(Json::arrayValue);
-  (args.append(values), ...);
-  return args;
-}
-
 }  // namespace desk

@@ -66,16 +66,9 @@ constexpr char kKinds[] = R"json({
   "nothing": ["throw"]
 })json";
 
-Json::Value Parse(const char* text) {
-  Json::Value value;
-  std::string problem;
-  if (!ParseJson(text, value, problem)) throw std::logic_error("a table of operations is no JSON: " + problem);
-  return value;
-}
-
 Json::Value MakeOperations() {
-  Json::Value operations = Parse(kOutputs);
-  const Json::Value by_result = Parse(kByResult);
+  Json::Value operations = ParseJson(kOutputs);
+  const Json::Value by_result = ParseJson(kByResult);
   for (const std::string& type : by_result.getMemberNames()) {
     for (const Json::Value& name : by_result[type]) operations[name.asString()]["result"] = type;
   }
@@ -123,7 +116,7 @@ const Json::Value& Operations() {
 }
 
 Json::Value ListOperations() {
-  const Json::Value kinds = Parse(kKinds);
+  const Json::Value kinds = ParseJson(kKinds);
   Json::Value list;
   for (const std::string& name : Operations().getMemberNames()) {
     Json::Value line;
@@ -151,16 +144,14 @@ Json::Value ParseResult(const std::string& operation, const std::string& text) {
     throw std::invalid_argument(operation + " fails with 'fail' or the name of an error such as ENOSPC, not '" + text +
                                 "'");
   }
-  Json::Value result;
-  std::string problem;
-  const bool parsed = ParseJson(text, result, problem);
-  if (parsed && result.isObject() && !any) {
-    CheckOutputs(operation, types, result);
-  } else if (!parsed || !Fits(type, result)) {
+  const auto result = TryParseJson(text);
+  if (result && result->isObject() && !any) {
+    CheckOutputs(operation, types, *result);
+  } else if (!result || !Fits(type, *result)) {
     throw std::invalid_argument(operation + " fails with 'fail', 'throw' or a result of type " + type + ", not '" +
                                 text + "'");
   }
-  return result;
+  return *result;
 }
 
 }  // namespace desk

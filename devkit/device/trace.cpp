@@ -1,14 +1,12 @@
 #include "devkit/device/trace.h"
 
-#include <json/writer.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <string_view>
 #include <utility>
 
-#include "devkit/device/device.h"
+#include "devkit/device/json.h"
 
 namespace desk {
 namespace {
@@ -92,15 +90,6 @@ bool Trace::IsSecret(const std::string& name) {
   return std::find(kSecretMembers.begin(), kSecretMembers.end(), name) != kSecretMembers.end();
 }
 
-std::string ToLine(const Json::Value& value) {
-  static const Json::StreamWriterBuilder writer = [] {
-    Json::StreamWriterBuilder made;
-    made["indentation"] = "";
-    return made;
-  }();
-  return Json::writeString(writer, value);
-}
-
 void Trace::Hide(Json::Value& line) const {
   Views secrets;
   for (const auto& [owner, texts] : own_) secrets.insert(secrets.end(), texts.begin(), texts.end());
@@ -152,15 +141,10 @@ Json::Value Trace::Recent(std::uint64_t after, size_t limit) const {
       texts.push_back(recent_[at]);
     }
   }
-  Json::Value answer;
-  answer["lines"] = Json::arrayValue;
-  answer["next"] = Json::UInt64(from + texts.size());
-  answer["skipped"] = Json::UInt64(from - after);
-  for (const std::string& text : texts) {
-    std::string problem;
-    ParseJson(text, answer["lines"].append(Json::nullValue), problem);
-  }
-  return answer;
+  Json::Value lines(Json::arrayValue);
+  for (const std::string& text : texts) lines.append(TryParseJson(text).value_or(Json::objectValue));
+  return Object(
+      {{"lines", lines}, {"next", Json::UInt64(from + texts.size())}, {"skipped", Json::UInt64(from - after)}});
 }
 
 void Trace::Own(const std::string& owner, const Json::Value& value) {

@@ -77,7 +77,4 @@ class Trace {
 /// Takes this thread's log lines too, without secrets; null: nobody does.
 extern thread_local std::vector<std::string>* call_log;
 
-/// A value as one line of JSON.
-std::string ToLine(const Json::Value& value);
-
 }  // namespace desk

@@ -109,21 +109,18 @@ int WaitForEnd() {
 int List(const Options& options) {
   const auto module = LoadModule(options);
   for (const APITableEntry& row : module->Rows()) {
-    Json::Value line;
-    line["api"] = row.api;
-    line["version"] = row.version;
-    line["method"] = row.method;
+    const Json::Value line = desk::Object({{"api", row.api}, {"version", row.version}, {"method", row.method}});
     std::cout << desk::ToLine(line) << '\n';
   }
   return kDone;
 }
 
 Json::Value ParseParams(const std::string& text) {
-  Json::Value params;
   std::string problem;
-  if (!desk::ParseJson(text, params, problem)) throw UsageError("the parameters are no JSON: " + problem);
-  if (!params.isObject()) throw UsageError("the parameters are no JSON object");
-  return params;
+  const auto params = desk::TryParseJson(text, &problem);
+  if (!params) throw UsageError("the parameters are no JSON: " + problem);
+  if (!params->isObject()) throw UsageError("the parameters are no JSON object");
+  return *params;
 }
 
 int Call(const Options& options) {
@@ -143,9 +140,7 @@ int Call(const Options& options) {
     return kModuleFailed;
   }
   const desk::Answer& answer = outcome.answers.front();
-  Json::Value line;
-  line["success"] = answer.success;
-  line["data"] = answer.data;
+  Json::Value line = desk::Object({{"success", answer.success}, {"data", answer.data}});
   if (!answer.success) {
     line["code"] = answer.code;
     std::cerr << "webapi-host: " << desk::CodeText(answer.code) << '\n';
@@ -175,9 +170,7 @@ int Serve(Options options) {
   const std::string token = desk::RandomHex(16);
   desk::RpcServer server(*module, token, options.origins);
   const int port = server.Start(options.port);
-  Json::Value secret;
-  secret["token"] = token;
-  desk.device.trace.Own("admin token", secret);
+  desk.device.trace.Own("admin token", desk::Object({{"token", token}}));
   Store(desk.device.Root() / "desk/admin-token", token);
   if (desk.control_server) {
     Store(desk.device.Root() / "desk/control-server/port", std::to_string(desk.device.control_port));

@@ -47,10 +47,7 @@ std::string Reply(const std::string& id, const char* kind, const Json::Value& va
 
 std::string ErrorReply(const std::string& id, int code, const std::string& message, const std::string& method = "",
                        const Outcome& outcome = {}, const std::string& problem = "") {
-  Json::Value error;
-  error["code"] = code;
-  error["message"] = message;
-  error["data"] = ErrorData(method, code, outcome.log);
+  Json::Value error = Object({{"code", code}, {"message", message}, {"data", ErrorData(method, code, outcome.log)}});
   if (outcome.number != 0) error["data"]["call"] = outcome.number;
   if (!problem.empty()) error["data"]["problem"] = problem;
   return Reply(id, kError, error);
@@ -168,14 +165,14 @@ http::Response RpcServer::Serve(const http::Request& request) const {
     return http::Refusal(401, "the Authorization header does not carry the token of desk/admin-token",
                          {{"WWW-Authenticate", "Bearer realm=\"desk device\""}});
   }
-  Json::Value body;
   std::string problem;
-  if (!ParseJson(request.body, body, problem) || !IsStrictJson(request.body)) {
-    if (problem.empty()) problem = "it has a comment, a number or bytes that JSON does not have";
+  const auto body = TryParseJson(request.body, &problem);
+  if (!body || !IsStrictJson(request.body)) {
+    if (body) problem = "it has a comment, a number or bytes that JSON does not have";
     return {200, ErrorReply("null", kParseError, "the body is no JSON: " + problem) + "\n"};
   }
   unsigned call = 0;
-  const std::string reply = (body.isArray() ? AnswerAll : AnswerOne)(module_, body, request.body, admin, call);
+  const std::string reply = (body->isArray() ? AnswerAll : AnswerOne)(module_, *body, request.body, admin, call);
   http::Response response{200, reply + "\n"};
   if (reply.empty()) response = {204, "", {}};
   if (call != 0) response.headers["Desk-Call"] = std::to_string(call);

@@ -46,10 +46,9 @@ bool ReadLines(std::istream& trace, const std::function<void(const Json::Value&)
   bool any = false;
   for (std::string text; std::getline(trace, text);) {
     ++number;
-    Json::Value line;
-    std::string problem;
-    if (ParseJson(text, line, problem) && IsTraceLine(line)) {
-      take(line);
+    const auto line = TryParseJson(text);
+    if (line && IsTraceLine(*line)) {
+      take(*line);
       any = true;
     } else {
       std::cerr << "webapi-host: line " << number << " is no line of a trace and is left out\n";
@@ -140,16 +139,16 @@ bool PrintTraceEvents(std::istream& trace, std::ostream& out) {
   std::map<std::pair<unsigned, unsigned>, Json::Int64> begins;
   const char* separator = "{\"traceEvents\":[\n";
   const bool any = ReadLines(trace, [&](const Json::Value& line) {
-    Json::Value event;
-    event["name"] = line["op"];
-    event["cat"] = line["method"];
-    event["ph"] = "X";
-    event["pid"] = line["pid"];
-    event["tid"] = line["call"];
     const Json::Int64 from = line["from"].asInt64();
     const std::pair call(line["pid"].asUInt(), line["call"].asUInt());
-    event["ts"] = begins.try_emplace(call, line["at"].asInt64() * kMicroseconds - from).first->second + from;
-    event["dur"] = line["us"];
+    const Json::Int64 begin = begins.try_emplace(call, line["at"].asInt64() * kMicroseconds - from).first->second;
+    Json::Value event = Object({{"name", line["op"]},
+                                {"cat", line["method"]},
+                                {"ph", "X"},
+                                {"pid", line["pid"]},
+                                {"tid", line["call"]},
+                                {"ts", begin + from},
+                                {"dur", line["us"]}});
     for (const char* member : {"args", "out", "result", "thrown", "fault"}) {
       if (line.isMember(member)) event["args"][member] = line[member];
     }

@@ -30,13 +30,6 @@ bool StoreMembers(const std::string& device_path, const std::string& section, co
   return StoreJson(device.Locate(device_path), conf);
 }
 
-bool StoreMember(const std::string& device_path, const std::string& section, const std::string& member,
-                 const Json::Value& value) {
-  Json::Value members;
-  members[member] = value;
-  return StoreMembers(device_path, section, members);
-}
-
 std::string ServerUrl(const std::string& host) { return host.empty() ? "" : "http://" + host + "/relay"; }
 
 }  // namespace desk
@@ -46,8 +39,8 @@ namespace Relay {
 
 using desk::Args;
 using desk::Construct;
+using desk::Object;
 using desk::Operation;
-using desk::StoreMember;
 using desk::StoreMembers;
 using desk::Text;
 
@@ -167,7 +160,7 @@ bool AuthConf::Write(Json::Value& out, bool with_key) const {
 bool AuthConf::GenerateApiKey() {
   return Operation("AuthConf::GenerateApiKey").Run([&] {
     identity_["api_key"] = desk::RandomHex(16);
-    return StoreMember(desk::kAuthConfPath, "", "api_key", identity_["api_key"]);
+    return StoreMembers(desk::kAuthConfPath, "", Object({{"api_key", identity_["api_key"]}}));
   });
 }
 
@@ -217,15 +210,14 @@ RelaydConf::RelaydConf(const char* path, const Loading&)
 
 bool RelaydConf::WriteServerId(const std::string& path) {
   return Operation("RelaydConf::WriteServerId", Args(path)).Run([&] {
-    return StoreMember(path.empty() ? path_ : path, "", "server_id", server_id);
+    return StoreMembers(path.empty() ? path_ : path, "", Object({{"server_id", server_id}}));
   });
 }
 
 bool RelaydConf::WriteControlServerHost(const std::string& path, const std::string& host) {
   return Operation("RelaydConf::WriteControlServerHost", Args(path, host)).Run([&] {
     const desk::Unrecorded unrecorded;
-    Json::Value server;
-    server["host"] = host;
+    Json::Value server = Object({{"host", host}});
     if (const std::string region = control_server.GetRegion(); !region.empty()) server["region"] = region;
     return StoreMembers(path.empty() ? path_ : path, "server_control", server);
   });
@@ -233,13 +225,13 @@ bool RelaydConf::WriteControlServerHost(const std::string& path, const std::stri
 
 bool RelaydConf::WriteAliasName(const std::string& path, const std::string& name) {
   return Operation("RelaydConf::WriteAliasName", Args(path, name)).Run([&] {
-    return StoreMember(path.empty() ? path_ : path, "server_alias", "name", name);
+    return StoreMembers(path.empty() ? path_ : path, "server_alias", Object({{"name", name}}));
   });
 }
 
 bool RelaydConf::WriteKovaAccount(const std::string& path, const std::string& account) {
   return Operation("RelaydConf::WriteKovaAccount", Args(path, account)).Run([&] {
-    return StoreMember(path.empty() ? path_ : path, "server_kova", "account", account);
+    return StoreMembers(path.empty() ? path_ : path, "server_kova", Object({{"account", account}}));
   });
 }
 
@@ -251,8 +243,7 @@ bool RelaydConf::DumpDataForAliasReq(Json::Value& body) {
     body["version"] = 1;
     body["server_id"] = server_id;
     body["server_alias"] = alias.GetAliasName();
-    body["auth"]["device"] = Text(identity, "device");
-    body["auth"]["api_key"] = Text(identity, "api_key");
+    body["auth"] = Object({{"device", Text(identity, "device")}, {"api_key", Text(identity, "api_key")}});
     return true;
   });
 }

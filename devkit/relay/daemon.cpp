@@ -75,11 +75,8 @@ bool AliasStatus::GetStatus(const std::string& alias, std::string& status, std::
 bool AliasStatus::SetStatus(const std::string& alias, const std::string& status, const std::string& detail,
                             bool store) {
   return Operation("AliasStatus::SetStatus", Args(alias, status, detail, store)).Run([&] {
-    Json::Value entry(Json::objectValue);
-    entry["status"] = status;
-    entry["detail"] = detail;
-    known_[alias] = entry;
-    return !store || desk::StoreMember(desk::kAliasStatusPath, "", alias, entry);
+    known_[alias] = desk::Object({{"status", status}, {"detail", detail}});
+    return !store || desk::StoreMembers(desk::kAliasStatusPath, "", desk::Object({{alias, known_[alias]}}));
   });
 }
 

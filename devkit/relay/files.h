@@ -19,8 +19,6 @@ Json::Value LoadConf(const std::string& device_path);
 /// Sets members of `section`, or of the file itself for an empty section, and keeps everything else. False, and the
 /// file stays as it is, when its present content is no JSON object or it cannot be written. Throws `FileError`.
 bool StoreMembers(const std::string& device_path, const std::string& section, const Json::Value& members);
-bool StoreMember(const std::string& device_path, const std::string& section, const std::string& member,
-                 const Json::Value& value);
 
 /// Address of a server's relay service.
 std::string ServerUrl(const std::string& host);

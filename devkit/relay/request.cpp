@@ -50,38 +50,28 @@ RELAYSERVER_ERR ErrorOf(const Json::Value& answer) {
   return code.isInt() ? static_cast<RELAYSERVER_ERR>(code.asInt()) : RELAYSERVER_INTERNAL;
 }
 
-RELAYD_RET TransferError(const Transfer& transfer) {
+/// The results of both kinds that stand for how an exchange went.
+struct Results {
+  RELAYD_RET relay;
+  ALIAS_RET alias;
+};
+
+Results ResultsOf(const Transfer& transfer) {
   switch (transfer.result) {
     case CURLE_OK:
       break;
     case CURLE_COULDNT_RESOLVE_HOST:
-      return RELAYD_RESOLVE_FAILED;
+      return {RELAYD_RESOLVE_FAILED, ALIAS_RESOLVE_FAILED};
     case CURLE_WRITE_ERROR:
-      return RELAYD_BAD_ANSWER;
+      return {RELAYD_BAD_ANSWER, ALIAS_BAD_ANSWER};
     case CURLE_FAILED_INIT:
     case CURLE_OUT_OF_MEMORY:
-      return RELAYD_OUT_OF_RESOURCES;
+      return {RELAYD_OUT_OF_RESOURCES, ALIAS_FAILED};
     default:
-      return RELAYD_NETWORK_FAILED;
+      return {RELAYD_NETWORK_FAILED, ALIAS_NETWORK_FAILED};
   }
-  if (transfer.status == 503) return RELAYD_SERVER_BUSY;
-  return transfer.status == 200 ? RELAYD_OK : RELAYD_SERVER_ERROR;
-}
-
-ALIAS_RET AliasError(RELAYD_RET transfer) {
-  switch (transfer) {
-    case RELAYD_RESOLVE_FAILED:
-      return ALIAS_RESOLVE_FAILED;
-    case RELAYD_NETWORK_FAILED:
-      return ALIAS_NETWORK_FAILED;
-    case RELAYD_SERVER_BUSY:
-    case RELAYD_SERVER_ERROR:
-      return ALIAS_SERVER_ERROR;
-    case RELAYD_BAD_ANSWER:
-      return ALIAS_BAD_ANSWER;
-    default:
-      return ALIAS_FAILED;
-  }
+  if (transfer.status == 200) return {RELAYD_OK, ALIAS_OK};
+  return {transfer.status == 503 ? RELAYD_SERVER_BUSY : RELAYD_SERVER_ERROR, ALIAS_SERVER_ERROR};
 }
 
 /// The host that alias requests go to.
@@ -128,7 +118,7 @@ bool Request::Send() {
     const Transfer transfer = desk::Post(url_, desk::ToLine(body_));
     transfer_ = transfer.result;
     answer_ = transfer.answer;
-    error_ = TransferError(transfer);
+    error_ = ResultsOf(transfer).relay;
     return error_ == RELAYD_OK;
   });
 }
@@ -136,10 +126,10 @@ bool Request::Send() {
 bool Request::GetResponse(Json::Value& answer) const {
   Operation operation("Request::GetResponse");
   return operation.Output("answer", answer).Run([&] {
-    std::string problem;
-    if (desk::ParseJson(answer_, answer, problem)) return true;
-    error_ = RELAYD_BAD_ANSWER;
-    return false;
+    auto parsed = desk::TryParseJson(answer_);
+    if (!parsed) error_ = RELAYD_BAD_ANSWER;
+    if (parsed) answer = std::move(*parsed);
+    return parsed.has_value();
   });
 }
 
@@ -170,16 +160,10 @@ bool AliasRequest::Send(ALIAS_RET& result) {
     result = ALIAS_FAILED;
     if (!turn_) turn_ = std::make_shared<desk::FolderLock>(desk::Device::Get().Root() / "desk");
     const Transfer transfer = desk::Post(desk::ServerUrl(ControlHost()), desk::ToLine(body_));
-    const RELAYD_RET error = TransferError(transfer);
-    Json::Value answer;
-    std::string problem;
-    if (error != RELAYD_OK) {
-      result = AliasError(error);
-    } else if (!desk::ParseJson(transfer.answer, answer, problem) || !answer.isObject()) {
-      result = ALIAS_BAD_ANSWER;
-    } else {
-      result = FindError(ErrorOf(answer)).alias;
-    }
+    result = ResultsOf(transfer).alias;
+    if (result != ALIAS_OK) return false;
+    const auto answer = desk::TryParseJson(transfer.answer);
+    result = answer && answer->isObject() ? FindError(ErrorOf(*answer)).alias : ALIAS_BAD_ANSWER;
     return result == ALIAS_OK;
   });
 }

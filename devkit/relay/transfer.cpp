@@ -73,12 +73,7 @@ int Perform(const std::string& url, const std::string& text, Transfer& transfer)
 }
 
 /// JSON text as a value, so that the trace can hide its secrets; other text as it is.
-Json::Value Readable(const std::string& text) {
-  Json::Value value;
-  std::string problem;
-  if (!ParseJson(text, value, problem)) return text;
-  return value;
-}
+Json::Value Readable(const std::string& text) { return TryParseJson(text).value_or(text); }
 
 }  // namespace
 

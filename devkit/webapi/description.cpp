@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "devkit/device/device.h"
+#include "devkit/device/json.h"
 
 namespace desk {
 namespace {
@@ -24,45 +24,40 @@ void Resolve(Json::Value& value, const Json::Value& document) {
 }
 
 Json::Value LoadDescription() {
-  Json::Value document;
-  std::string problem;
-  if (!ParseJson(kDocument, document, problem)) throw std::logic_error("the description is no JSON: " + problem);
+  Json::Value document = ParseJson(kDocument);
   Resolve(document, Json::Value(document));
   document.removeMember("x-texts");
   return document;
 }
 
-Json::Value Explain(const std::string& subject, const Json::Value& text, const Json::Value& cause,
-                    const Json::Value& remedy) {
-  Json::Value explanation;
-  explanation["subject"] = subject;
-  explanation["text"] = text;
-  explanation["cause"] = cause;
-  explanation["remedy"] = remedy;
-  return explanation;
-}
-
-Json::Value ExplainError(const Json::Value& error) {
-  return Explain(error["code"].asString(), error["message"], error["data"]["cause"], error["data"]["remedy"]);
+Json::Value Explain(const Json::Value& error) {
+  const Json::Value& data = error["data"];
+  return Object({{"subject", error["code"].asString()},
+                 {"text", error["message"]},
+                 {"cause", data["cause"]},
+                 {"remedy", data["remedy"]}});
 }
 
 /// What is known, by subject.
 Json::Value ExplainAll() {
   Json::Value known;
   const Json::Value& errors = Description()["components"]["errors"];
-  for (const Json::Value& error : errors) known[error["code"].asString()].append(ExplainError(error));
+  for (const Json::Value& error : errors) known[error["code"].asString()].append(Explain(error));
   for (const Json::Value& method : Description()["methods"]) {
     for (const Json::Value& error : method["errors"]) {
       const std::string code = error["code"].asString();
-      if (error != errors[code]) known[code].append(ExplainError(error))["method"] = method["name"];
+      if (error != errors[code]) known[code].append(Explain(error))["method"] = method["name"];
     }
   }
   for (const Json::Value& line : Description()["x-log-lines"]) {
     const std::string unit = line["unit"].asString();
     const std::string id = unit + ":" + line["number"].asString();
     for (const Json::Value& code : line["codes"]) known[code.asString()][0]["lines"].append(id);
-    Json::Value explanation = Explain(id, line["text"], line["when"], line["remedy"]);
-    explanation["codes"] = line["codes"];
+    const Json::Value explanation = Object({{"subject", id},
+                                            {"text", line["text"]},
+                                            {"cause", line["when"]},
+                                            {"remedy", line["remedy"]},
+                                            {"codes", line["codes"]}});
     for (const std::string& subject : {id, unit}) known[subject].append(explanation);
   }
   return known;
