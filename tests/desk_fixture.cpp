@@ -23,12 +23,7 @@ std::string FullName(const std::string& method) {
   return std::string("VEXA.Core.TunnelBridge") + (std::isdigit(method[0]) != 0 ? '/' : '.') + method;
 }
 
-APIHandler FindHandler(const std::string& method) {
-  for (const APITableEntry& row : TheModule().Rows()) {
-    if (MethodName(row) == FullName(method)) return row.handler;
-  }
-  return nullptr;
-}
+APIHandler FindHandler(const std::string& method) { return TheModule().Find(FullName(method)); }
 
 std::vector<std::string> Split(const std::string& text, const std::string& separator) {
   std::vector<std::string> parts;

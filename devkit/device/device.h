@@ -23,8 +23,6 @@ class Device {
   /// Throws `std::runtime_error` when `root` is the machine's own root or cannot be used.
   explicit Device(const std::filesystem::path& root, Clock clock = Clock::kReal);
   ~Device();
-  Device(const Device&) = delete;
-  Device& operator=(const Device&) = delete;
 
   /// The current device; null when there is none.
   static Device* Find();

@@ -57,6 +57,15 @@ void Inject(const desk::Faults::Injection& injection, desk::Line& line) {
   errno = injection.result.isInt() ? injection.result.asInt() : EIO;
 }
 
+/// Records how a file function ended, and leaves errno as it is.
+void Finish(desk::Line& line, bool done) {
+  const int error = errno;
+  const char* error_name = strerrorname_np(error);
+  line["result"] = done ? "ok" : error_name != nullptr ? error_name : "failed";
+  line.Record();
+  errno = error;
+}
+
 /// Does `work`, or fails with the error number of a fault. The caller finds errno as the work left it.
 template <typename Result, typename Work>
 Result FileFunction(const char* name, const Json::Value& args, Result failure, Work work) {
@@ -64,11 +73,7 @@ Result FileFunction(const char* name, const Json::Value& args, Result failure, W
   const auto injection = Device::Get().faults.Take(name);
   if (injection) Inject(*injection, line);
   const Result result = injection ? failure : work();
-  const int error = errno;
-  const char* error_name = strerrorname_np(error);
-  line["result"] = result != failure ? "ok" : error_name != nullptr ? error_name : "failed";
-  line.Record();
-  errno = error;
+  Finish(line, result != failure);
   return result;
 }
 
@@ -117,10 +122,7 @@ ssize_t MoveBytes(const char* name, int file, Work work) {
   if (!injection) return work();
   desk::Line line(name, Args(file));
   Inject(*injection, line);
-  const int error = errno;
-  line["result"] = strerrorname_np(error);
-  line.Record();
-  errno = error;
+  Finish(line, false);
   return -1;
 }
 

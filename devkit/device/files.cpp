@@ -23,21 +23,6 @@ constexpr char kPart[] = ".part";
 constexpr auto kLockPoll = std::chrono::microseconds(100);
 constexpr int kMostLockPolls = 100000;
 
-/// An open file, closed at the end.
-class File {
- public:
-  explicit File(int number) : number_(number) {}
-  ~File() {
-    if (number_ >= 0) close(number_);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  operator int() const { return number_; }
-
- private:
-  int number_;
-};
-
 FileError CannotRead(const fs::path& file, const char* reason) {
   return FileError("cannot read '" + file.string() + "': " + reason);
 }
@@ -56,18 +41,17 @@ bool WritePart(const fs::path& part, mode_t mode, const std::string& text) {
 
 }  // namespace
 
+File::~File() {
+  if (number_ >= 0) close(number_);
+}
+
 FolderLock::FolderLock(const fs::path& folder) : folder_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (folder_ < 0) throw CannotRead(folder, std::strerror(errno));
   for (int polls = 0; flock(folder_, LOCK_EX | LOCK_NB) != 0; ++polls) {
-    if (polls == kMostLockPolls) {
-      close(folder_);
-      throw FileError("another program does not let go of '" + folder.string() + "'");
-    }
+    if (polls == kMostLockPolls) throw FileError("another program does not let go of '" + folder.string() + "'");
     std::this_thread::sleep_for(kLockPoll);
   }
 }
-
-FolderLock::~FolderLock() { close(folder_); }
 
 std::optional<std::string> LoadText(const fs::path& path) {
   // Without waiting, should it be a pipe.

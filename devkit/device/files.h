@@ -15,17 +15,27 @@ class FileError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// An open file by its descriptor, closed at the end; negative for none.
+class File {
+ public:
+  explicit File(int number) : number_(number) {}
+  ~File();
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  operator int() const { return number_; }
+
+ private:
+  int number_;
+};
+
 /// Holds a folder's files against other threads and other programs, while one is read, changed and written.
 class FolderLock {
  public:
   /// Throws `FileError` when the folder cannot be had within 10 s.
   explicit FolderLock(const std::filesystem::path& folder);
-  ~FolderLock();
-  FolderLock(const FolderLock&) = delete;
-  FolderLock& operator=(const FolderLock&) = delete;
 
  private:
-  int folder_;
+  File folder_;
 };
 
 /// Reads a file whole; nothing when there is none. Throws `FileError` for one that cannot be read, is no regular

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <random>
 
@@ -76,28 +75,19 @@ struct Desk {
   std::optional<desk::ControlServer> control_server;
 };
 
-std::unique_ptr<desk::Module> LoadModule(const Options& options) {
-  return std::make_unique<desk::Module>(options.module);
-}
-
-sigset_t EndSignals() {
+/// Threads that start from now on leave the signals that end the program to `WaitForEnd`.
+sigset_t BlockEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return signals;
 }
 
-/// Threads that start from now on leave the signals that end the program to `WaitForEnd`.
-void BlockEndSignals() {
-  const sigset_t signals = EndSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
-
 /// After the signal, clients have a few seconds to finish what they send; a second signal ends the program at once.
-int WaitForEnd() {
+int WaitForEnd(const sigset_t& signals) {
   constexpr unsigned kPatienceSeconds = 10;
-  const sigset_t signals = EndSignals();
   int signal = 0;
   sigwait(&signals, &signal);
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
@@ -107,8 +97,8 @@ int WaitForEnd() {
 }
 
 int List(const Options& options) {
-  const auto module = LoadModule(options);
-  for (const APITableEntry& row : module->Rows()) {
+  const desk::Module module(options.module);
+  for (const APITableEntry& row : module.Rows()) {
     const Json::Value line = desk::Object({{"api", row.api}, {"version", row.version}, {"method", row.method}});
     std::cout << desk::ToLine(line) << '\n';
   }
@@ -125,12 +115,12 @@ Json::Value ParseParams(const std::string& text) {
 
 int Call(const Options& options) {
   const Json::Value params = ParseParams(options.params);
-  const auto module = LoadModule(options);
-  const APIHandler handler = module->Find(options.api, options.version, options.method);
+  const desk::Module module(options.module);
+  const std::string name = options.api + '/' + std::to_string(options.version) + '/' + options.method;
+  const APIHandler handler = module.Find(name);
   if (handler == nullptr) throw UsageError("the module has no such method; `webapi-host list` shows all");
 
   Desk desk(options);
-  const std::string name = options.api + '/' + std::to_string(options.version) + '/' + options.method;
   const desk::Outcome outcome = desk::Call(handler, params, options.caller == "admin", name);
   for (const std::string& fault : desk.device.faults.Unmet()) {
     std::cerr << "webapi-host: the fault '" << fault << "' met no call\n";
@@ -162,13 +152,13 @@ void Claim(const fs::path& root) {
 }
 
 int Serve(Options options) {
-  BlockEndSignals();
-  const auto module = LoadModule(options);
+  const sigset_t signals = BlockEndSignals();
+  const desk::Module module(options.module);
   if (options.trace.empty()) options.trace = (fs::path(options.root) / "desk/trace.jsonl").string();
   Desk desk(options);
   Claim(desk.device.Root());
   const std::string token = desk::RandomHex(16);
-  desk::RpcServer server(*module, token, options.origins);
+  desk::RpcServer server(module, token, options.origins);
   const int port = server.Start(options.port);
   desk.device.trace.Own("admin token", desk::Object({{"token", token}}));
   Store(desk.device.Root() / "desk/admin-token", token);
@@ -180,16 +170,16 @@ int Serve(Options options) {
             << "\nwebapi-host: trace:          " << options.trace << "\nwebapi-host: admin token:    " << token
             << "\nwebapi-host: console:        http://127.0.0.1:" << port << "/#token=" << token
             << "\nwebapi-host: Ctrl-C ends it." << std::endl;
-  return WaitForEnd();
+  return WaitForEnd(signals);
 }
 
 int ServeControl(const Options& options) {
-  BlockEndSignals();
+  const sigset_t signals = BlockEndSignals();
   desk::ControlServer server(options.root);
   const int port = server.Start(options.port);
   std::cerr << "webapi-host: control server on 127.0.0.1:" << port << ", state in " << options.root
             << "\nwebapi-host: Ctrl-C ends it." << std::endl;
-  return WaitForEnd();
+  return WaitForEnd(signals);
 }
 
 int ListFaults() {
@@ -208,8 +198,8 @@ int ShowTrace(const Options& options) {
 }
 
 int Describe(const Options& options) {
-  const auto module = LoadModule(options);
-  std::cout << desk::Describe(*module).toStyledString();
+  const desk::Module module(options.module);
+  std::cout << desk::Describe(module).toStyledString();
   return kDone;
 }
 

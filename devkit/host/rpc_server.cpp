@@ -3,12 +3,10 @@
 #include <openssl/crypto.h>
 #include <strings.h>
 
-#include <charconv>
 #include <nlohmann/json.hpp>
 #include <optional>
 
 #include "devkit/console/methods.h"
-#include "devkit/console/page.h"
 #include "devkit/webapi/description.h"
 
 namespace desk {
@@ -26,17 +24,21 @@ constexpr int kNotAdministrator = 105;
 constexpr char kError[] = "error";
 constexpr unsigned kMostRequests = 100;
 
-/// Where "API/VERSION/METHOD" leads; null when the module has no such method.
-APIHandler FindHandler(const Module& module, const std::string& name) {
-  const size_t first = name.find('/');
-  const size_t second = name.find('/', first + 1);
-  if (first == std::string::npos || second == std::string::npos) return nullptr;
-  int version = 0;
-  const char* end = name.data() + second;
-  const auto number = std::from_chars(name.data() + first + 1, end, version);
-  if (number.ec != std::errc() || number.ptr != end) return nullptr;
-  return module.Find(name.substr(0, first), version, name.substr(second + 1));
-}
+/// A file of the console.
+struct PageFile {
+  const char* path;
+  const char* type;
+  const char* text;
+};
+
+constexpr PageFile kPage[] = {
+#include "console.inc"
+};
+
+/// Nothing comes from elsewhere, and nothing runs that is not a file of the console.
+constexpr char kPagePolicy[] =
+    "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self' data:; "
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 /// A whole answer. `id` is what stands in the request, whose number might not survive being read and written.
 std::string Reply(const std::string& id, const char* kind, const Json::Value& value) {
@@ -86,7 +88,7 @@ std::string Dispatch(const Module& module, const Json::Value& request, const std
     if (!given.empty()) return ErrorReply(id, kInvalidParams, "rpc.discover takes no parameters");
     return Reply(id, "result", Describe(module));
   }
-  const APIHandler handler = FindHandler(module, method);
+  const APIHandler handler = module.Find(method);
   if (handler == nullptr && !IsDeskMethod(method)) {
     return ErrorReply(id, kMethodNotFound, "no method '" + method + "'; methods are named API/VERSION/METHOD");
   }
@@ -147,7 +149,7 @@ RpcServer::RpcServer(const Module& module, std::string admin_token, std::vector<
   server_.Route("GET", "/openrpc.json", [this](const http::Request&) {
     return http::Response{200, ToLine(Describe(module_)) + "\n"};
   });
-  for (const PageFile& file : Page()) {
+  for (const PageFile& file : kPage) {
     server_.Route("GET", file.path, [&file](const http::Request&) {
       return http::Response{200, file.text, {{"Content-Type", file.type}, {"Content-Security-Policy", kPagePolicy}}};
     });

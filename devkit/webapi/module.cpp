@@ -36,9 +36,9 @@ Module::Module(const std::filesystem::path& file) : library_(file) {
   }
 }
 
-APIHandler Module::Find(const std::string& api, int version, const std::string& method) const {
+APIHandler Module::Find(const std::string& method) const {
   for (const APITableEntry& row : rows_) {
-    if (api == row.api && version == row.version && method == row.method) return row.handler;
+    if (method == MethodName(row)) return row.handler;
   }
   return nullptr;
 }

@@ -43,8 +43,8 @@ class Module {
   /// The rows of the method table, without its end row.
   const std::vector<APITableEntry>& Rows() const { return rows_; }
 
-  /// The handler of a method; null when the table has no such row.
-  APIHandler Find(const std::string& api, int version, const std::string& method) const;
+  /// The handler of the method API/VERSION/METHOD; null when the table has no such row.
+  APIHandler Find(const std::string& method) const;
 
  private:
   Library library_;
