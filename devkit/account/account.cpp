@@ -52,9 +52,7 @@ int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
   return 0;
 }
 
-int VEXAKOVAErrGet() {
-  return Operation("VEXAKOVAErrGet").Run([] { return last_error; });
-}
+int VEXAKOVAErrGet() { return desk::Give("VEXAKOVAErrGet", last_error); }
 
 int VEXAKOVAAccountQueryInfo(Json::Value& info, bool online, bool refresh) {
   Operation operation("VEXAKOVAAccountQueryInfo", Args(online, refresh));

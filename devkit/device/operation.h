@@ -152,6 +152,12 @@ class Operation {
   bool hidden_ = false;
 };
 
+/// An operation that gives `value` and does nothing else.
+template <typename Value>
+Value Give(const char* name, const Value& value) {
+  return Operation(name).Run([&] { return value; });
+}
+
 /// A constructor, which does its `work` as an operation.
 template <typename Work>
 void Construct(const char* name, const Json::Value& args, Work work) {

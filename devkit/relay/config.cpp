@@ -49,13 +49,9 @@ namespace {
 /// Takes a text member of a section, and refuses a section that is none or has another type there.
 bool TakeText(const Json::Value& section, const char* member, std::string& text) {
   if (!section.isObject()) return false;
-  if (!section.isMember(member)) {
-    text.clear();
-    return true;
-  }
-  if (!section[member].isString()) return false;
-  text = section[member].asString();
-  return true;
+  const Json::Value value = section.get(member, "");
+  if (value.isString()) text = value.asString();
+  return value.isString();
 }
 
 Json::Value OrNull(const char* text) { return text == nullptr ? Json::Value() : Json::Value(text); }
@@ -70,13 +66,9 @@ bool AliasConf::Overwrite(const Json::Value& section) {
   return Operation("AliasConf::Overwrite", Args(section)).Run([&] { return TakeText(section, "name", name_); });
 }
 
-bool AliasConf::Verify() {
-  return Operation("AliasConf::Verify").Run([&] { return name_.size() <= 255; });
-}
+bool AliasConf::Verify() { return desk::Give("AliasConf::Verify", name_.size() <= 255); }
 
-std::string AliasConf::GetAliasName() const {
-  return Operation("AliasConf::GetAliasName").Run([&] { return name_; });
-}
+std::string AliasConf::GetAliasName() const { return desk::Give("AliasConf::GetAliasName", name_); }
 
 bool AliasConf::SetAliasName(const std::string& name) {
   return Operation("AliasConf::SetAliasName", Args(name)).Run([&] {
@@ -99,13 +91,9 @@ bool ServerConf::Overwrite(const Json::Value& section) {
   });
 }
 
-bool ServerConf::Verify() {
-  return Operation("ServerConf::Verify").Run([&] { return !host.empty(); });
-}
+bool ServerConf::Verify() { return desk::Give("ServerConf::Verify", !host.empty()); }
 
-std::string ServerConf::GetRegion() const {
-  return Operation("ServerConf::GetRegion").Run([&] { return region_; });
-}
+std::string ServerConf::GetRegion() const { return desk::Give("ServerConf::GetRegion", region_); }
 
 std::string ServerConf::GetUrl(const char* path) const {
   return Operation("ServerConf::GetUrl", Args(OrNull(path))).Run([&] {
@@ -122,13 +110,9 @@ bool KovaConf::Overwrite(const Json::Value& section) {
   return Operation("KovaConf::Overwrite", Args(section)).Run([&] { return TakeText(section, "account", account_); });
 }
 
-bool KovaConf::Verify() {
-  return Operation("KovaConf::Verify").Run([] { return true; });
-}
+bool KovaConf::Verify() { return desk::Give("KovaConf::Verify", true); }
 
-std::string KovaConf::GetKovaAccount() const {
-  return Operation("KovaConf::GetKovaAccount").Run([&] { return account_; });
-}
+std::string KovaConf::GetKovaAccount() const { return desk::Give("KovaConf::GetKovaAccount", account_); }
 
 bool KovaConf::SetKovaAccount(const std::string& account) {
   return Operation("KovaConf::SetKovaAccount", Args(account)).Run([&] {

@@ -1,5 +1,8 @@
 #include <platform/relay.h>
 
+#include <tuple>
+#include <utility>
+
 #include "devkit/device/operation.h"
 #include "devkit/relay/files.h"
 #include "devkit/relay/transfer.h"
@@ -15,13 +18,8 @@ namespace {
 
 constexpr char kDaemonService[] = "vexarelayd";
 
-/// The daemon's state as it gives it when asked; status and error state.
-struct State {
-  std::string status;
-  std::string error;
-};
-
-State AskDaemon(const desk::Service& service) {
+/// What the daemon gives when asked: its status and its error.
+std::pair<std::string, std::string> AskDaemon(const desk::Service& service) {
   if (!service.running) return {"not_running", ""};
   if (service.starting) return {"starting", ""};
   if (!desk::IsControlServerUp()) return {"disconnected", "err_network"};
@@ -36,10 +34,8 @@ bool Daemon::GetStatus(std::string& server_id, std::string& status, std::string&
   return operation.Run([&] {
     const desk::Service service = desk::FindService(kDaemonService);
     if (service.enabled && !service.running) return false;
-    const State state = AskDaemon(service);
+    std::tie(status, error) = AskDaemon(service);
     server_id = desk::Text(desk::LoadConf(desk::kDaemonConfPath), "server_id");
-    status = state.status;
-    error = state.error;
     return true;
   });
 }
@@ -48,7 +44,7 @@ int Daemon::GetStatus(Json::Value& out) {
   Operation operation("Daemon::GetStatus(Json)");
   return operation.Output("state", out).Run([&] {
     const desk::Service service = desk::FindService(kDaemonService);
-    out["status"] = AskDaemon(service).status;
+    out["status"] = AskDaemon(service).first;
     return service.starting ? 1 : 0;
   });
 }

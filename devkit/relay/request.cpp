@@ -133,13 +133,9 @@ bool Request::GetResponse(Json::Value& answer) const {
   });
 }
 
-RELAYD_RET Request::GetError() const {
-  return Operation("Request::GetError").Run([&] { return error_; });
-}
+RELAYD_RET Request::GetError() const { return desk::Give("Request::GetError", error_); }
 
-int Request::GetCurlResult() const {
-  return Operation("Request::GetCurlResult").Run([&] { return transfer_; });
-}
+int Request::GetCurlResult() const { return desk::Give("Request::GetCurlResult", transfer_); }
 
 AliasRequest::AliasRequest() {
   desk::Construct("AliasRequest::AliasRequest", Args(), [] {});

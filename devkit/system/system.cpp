@@ -69,15 +69,12 @@ Json::Value LoadStates() {
   return std::move(*states);
 }
 
-/// Reads a member that a person may have edited.
-bool IsTrue(const Json::Value& state, const char* member) {
-  return state.isObject() && state.isMember(member) && state[member].isBool() && state[member].asBool();
-}
+/// Reads a member of a state that a person may have edited.
+bool IsTrue(const Json::Value& state, const char* member) { return state.isObject() && state[member] == true; }
 
 std::int64_t Number(const Json::Value& state, const char* member) {
-  return state.isObject() && state.isMember(member) && state[member].isUInt64() && state[member].isInt64()
-             ? state[member].asInt64()
-             : 0;
+  const Json::Value value = state.isObject() ? state[member] : Json::Value();
+  return value.isUInt64() && value.isInt64() ? value.asInt64() : 0;
 }
 
 /// Starts or stops a service that knows no "start_fails" or "stop_fails". -1 for one that is not listed.

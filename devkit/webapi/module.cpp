@@ -87,9 +87,7 @@ namespace VEXA {
 using desk::Args;
 using desk::Operation;
 
-bool APIRequest::IsAdmin() {
-  return Operation("APIRequest::IsAdmin").Run([this] { return call_->admin; });
-}
+bool APIRequest::IsAdmin() { return desk::Give("APIRequest::IsAdmin", call_->admin); }
 
 bool APIRequest::HasParam(const std::string& name) {
   return Operation("APIRequest::HasParam", Args(name)).Run([&] { return call_->params.isMember(name); });
