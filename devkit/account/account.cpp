@@ -1,6 +1,6 @@
 #include <platform/account.h>
 
-#include <cstring>
+#include <cstdio>
 
 #include "devkit/device/operation.h"
 #include "devkit/relay/transfer.h"
@@ -23,11 +23,6 @@ int Fail(AccountError error) {
   return -1;
 }
 
-template <size_t Size>
-void Copy(char (&field)[Size], const std::string& text) {
-  std::strncpy(field, text.c_str(), Size - 1);
-}
-
 /// Reads the bound account. 0, or -1 with the error number set.
 int LoadAccount(Json::Value& account) {
   last_error = kBadRecord;
@@ -46,9 +41,9 @@ int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
   Operation operation("VEXAKOVAAccountGet");
   const int result = operation.Output("record", record).Run([&] { return LoadAccount(record); });
   if (result != 0) return result;
-  Copy(account->name, Text(record, "name"));
-  Copy(account->id, Text(record, "id"));
-  Copy(account->auth_key, Text(record, "auth_key"));
+  std::snprintf(account->name, sizeof(account->name), "%s", Text(record, "name").c_str());
+  std::snprintf(account->id, sizeof(account->id), "%s", Text(record, "id").c_str());
+  std::snprintf(account->auth_key, sizeof(account->auth_key), "%s", Text(record, "auth_key").c_str());
   return 0;
 }
 

@@ -153,10 +153,8 @@ http::Response Misbehave(const Json::Value& step) {
 
 /// A step with a delay only is served as usual after it.
 bool OnlyDelays(const Json::Value& step) {
-  for (const char* fault : {"status", "text", "answer", "error", "bytes", "cut"}) {
-    if (step.isMember(fault)) return false;
-  }
-  return true;
+  const auto faults = {"status", "text", "answer", "error", "bytes", "cut"};
+  return std::none_of(faults.begin(), faults.end(), [&step](const char* fault) { return step.isMember(fault); });
 }
 
 }  // namespace

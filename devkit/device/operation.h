@@ -64,12 +64,6 @@ class Operation {
     return *this;
   }
 
-  /// Keeps the result out of the trace.
-  Operation& HideResult() {
-    hidden_ = true;
-    return *this;
-  }
-
   /// Does `work` unless the fault takes its place, and gives the operation's result. An operation fails by a file
   /// that cannot be read.
   template <typename Work>
@@ -127,7 +121,7 @@ class Operation {
 
   template <typename Result>
   Result Keep(Result result) {
-    if (line_) result_ = hidden_ ? Json::Value("(hidden)") : ToJson(result);
+    if (line_) result_ = ToJson(result);
     return result;
   }
 
@@ -149,7 +143,6 @@ class Operation {
   std::optional<Json::Value> fault_;
   std::optional<Json::Value> result_;
   std::vector<Slot> outputs_;
-  bool hidden_ = false;
 };
 
 /// An operation that gives `value` and does nothing else.

@@ -28,12 +28,17 @@ thread_local std::vector<std::string> call_lines;
 using Secrets = std::set<std::string>;
 using Views = std::vector<std::string_view>;
 
+/// True for the name of a parameter or member that holds a secret.
+bool IsSecret(const std::string& name) {
+  return std::find(kSecretMembers.begin(), kSecretMembers.end(), name) != kSecretMembers.end();
+}
+
 /// A secret can also stand in a text as the JSON writers spell it.
 void Collect(const Json::Value& value, Secrets& secrets) {
   if (!value.isObject() && !value.isArray()) return;
   for (auto item = value.begin(); item != value.end(); ++item) {
     Collect(*item, secrets);
-    if (!value.isObject() || !item->isString() || !Trace::IsSecret(item.name())) continue;
+    if (!value.isObject() || !item->isString() || !IsSecret(item.name())) continue;
     const std::string text = item->asString();
     if (text.size() < kLeastSecretBytes) continue;
     const std::string quoted = ToLine(text);
@@ -75,7 +80,7 @@ Json::Value Clean(const Json::Value& value, const Views& secrets) {
     if (value.isArray()) {
       clean.append(Clean(*item, secrets));
     } else {
-      const bool secret = Trace::IsSecret(item.name());
+      const bool secret = IsSecret(item.name());
       clean[Clean(item.name(), secrets)] = secret ? Json::Value(kHidden) : Clean(*item, secrets);
     }
   }
@@ -86,11 +91,9 @@ Json::Value Clean(const Json::Value& value, const Views& secrets) {
 
 thread_local std::vector<std::string>* call_log = nullptr;
 
-bool Trace::IsSecret(const std::string& name) {
-  return std::find(kSecretMembers.begin(), kSecretMembers.end(), name) != kSecretMembers.end();
-}
-
 void Trace::Hide(Json::Value& line) const {
+  const bool given = line["op"] == "APIRequest::GetParam" && line.isMember("result");
+  if (given && IsSecret(line["args"][0].asString())) line["result"] = kHidden;
   Views secrets;
   for (const auto& [owner, texts] : own_) secrets.insert(secrets.end(), texts.begin(), texts.end());
   const auto call = of_calls_.find(line["call"].asUInt());

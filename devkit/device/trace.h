@@ -27,9 +27,6 @@ class Trace {
   /// Adds one line.
   void Record(Json::Value line);
 
-  /// True for the name of a parameter or member that holds a secret.
-  static bool IsSecret(const std::string& name);
-
   /// Hides what the members of `value` hold that are named as secrets, wherever it stands: until `owner`, a part of
   /// the device, has others, or in the lines of a call until it is forgotten. Secrets shorter than six bytes are
   /// hidden only under their names.

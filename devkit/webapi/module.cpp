@@ -15,12 +15,6 @@ struct VEXA::APICall {
 };
 
 namespace desk {
-namespace {
-
-std::atomic<unsigned> calls{0};
-
-}  // namespace
-
 Library::Library(const std::filesystem::path& file)
     : library_(dlopen(std::filesystem::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL), &dlclose) {
   if (library_ == nullptr) throw ModuleError(std::string("cannot load the module: ") + dlerror());
@@ -54,6 +48,7 @@ std::string Outcome::Problem() const {
 }
 
 Outcome Call(APIHandler handler, const Json::Value& params, bool admin, const std::string& method) {
+  static std::atomic<unsigned> calls{0};
   Trace& trace = Device::Get().trace;
   current_call = ++calls;
   current_method = method;
@@ -94,9 +89,9 @@ bool APIRequest::HasParam(const std::string& name) {
 }
 
 Json::Value APIRequest::GetParam(const std::string& name, const Json::Value& fallback) {
-  Operation operation("APIRequest::GetParam", Args(name, fallback));
-  if (desk::Trace::IsSecret(name)) operation.HideResult();
-  return operation.Run([&] { return name.empty() ? call_->params : call_->params.get(name, fallback); });
+  return Operation("APIRequest::GetParam", Args(name, fallback)).Run([&] {
+    return name.empty() ? call_->params : call_->params.get(name, fallback);
+  });
 }
 
 void APIResponse::SetSuccess(const Json::Value& payload) {
