@@ -38,8 +38,7 @@ int LoadAccount(Json::Value& account) {
 
 int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
   Json::Value record;
-  Operation operation("VEXAKOVAAccountGet");
-  const int result = operation.Output("record", record).Run([&] { return LoadAccount(record); });
+  const int result = Operation("VEXAKOVAAccountGet").Output("record", record).Run([&] { return LoadAccount(record); });
   if (result != 0) return result;
   std::snprintf(account->name, sizeof(account->name), "%s", Text(record, "name").c_str());
   std::snprintf(account->id, sizeof(account->id), "%s", Text(record, "id").c_str());
@@ -50,8 +49,7 @@ int VEXAKOVAAccountGet(VEXAKOVAAccount* account) {
 int VEXAKOVAErrGet() { return desk::Give("VEXAKOVAErrGet", last_error); }
 
 int VEXAKOVAAccountQueryInfo(Json::Value& info, bool online, bool refresh) {
-  Operation operation("VEXAKOVAAccountQueryInfo", Args(online, refresh));
-  return operation.Output("info", info).Run([&] {
+  return Operation("VEXAKOVAAccountQueryInfo", Args(online, refresh)).Output("info", info).Run([&] {
     Json::Value record;
     if (LoadAccount(record) != 0) return -1;
     if (!desk::IsControlServerUp()) return Fail(kServiceUnreachable);

@@ -130,8 +130,7 @@ bool AuthConf::ReadConf() {
 }
 
 bool AuthConf::Write(Json::Value& out, bool with_key) const {
-  Operation operation("AuthConf::Write", Args(with_key));
-  return operation.Output("auth", out).Run([&] {
+  return Operation("AuthConf::Write", Args(with_key)).Output("auth", out).Run([&] {
     const std::string device = Text(identity_, "device");
     const std::string key = Text(identity_, "api_key");
     if (device.empty() || (with_key && key.empty())) return false;
@@ -166,8 +165,7 @@ bool UpnpConf::WriteConfig() {
 }
 
 bool UpnpConf::Write(Json::Value& out, bool complete) const {
-  Operation operation("UpnpConf::Write", Args(complete));
-  return operation.Output("settings", out).Run([&] {
+  return Operation("UpnpConf::Write", Args(complete)).Output("settings", out).Run([&] {
     if (settings_.empty()) return false;
     out = settings_;
     return true;
@@ -220,8 +218,7 @@ bool RelaydConf::WriteKovaAccount(const std::string& path, const std::string& ac
 }
 
 bool RelaydConf::DumpDataForAliasReq(Json::Value& body) {
-  Operation operation("RelaydConf::DumpDataForAliasReq");
-  return operation.Output("body", body).Run([&] {
+  return Operation("RelaydConf::DumpDataForAliasReq").Output("body", body).Run([&] {
     const desk::Unrecorded unrecorded;
     const Json::Value identity = desk::LoadConf(desk::kAuthConfPath);
     body["version"] = 1;

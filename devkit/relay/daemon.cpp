@@ -41,8 +41,7 @@ bool Daemon::GetStatus(std::string& server_id, std::string& status, std::string&
 }
 
 int Daemon::GetStatus(Json::Value& out) {
-  Operation operation("Daemon::GetStatus(Json)");
-  return operation.Output("state", out).Run([&] {
+  return Operation("Daemon::GetStatus(Json)").Output("state", out).Run([&] {
     const desk::Service service = desk::FindService(kDaemonService);
     out["status"] = AskDaemon(service).first;
     return service.starting ? 1 : 0;
@@ -58,9 +57,7 @@ AliasStatus::AliasStatus() {
 }
 
 bool AliasStatus::GetStatus(const std::string& alias, std::string& status, std::string& detail) const {
-  Operation operation("AliasStatus::GetStatus", Args(alias));
-  operation.Output("status", status).Output("detail", detail);
-  return operation.Run([&] {
+  return Operation("AliasStatus::GetStatus", Args(alias)).Output("status", status).Output("detail", detail).Run([&] {
     if (!known_[alias].isObject()) return false;
     status = desk::Text(known_[alias], "status");
     detail = desk::Text(known_[alias], "detail");

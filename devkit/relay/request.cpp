@@ -124,8 +124,7 @@ bool Request::Send() {
 }
 
 bool Request::GetResponse(Json::Value& answer) const {
-  Operation operation("Request::GetResponse");
-  return operation.Output("answer", answer).Run([&] {
+  return Operation("Request::GetResponse").Output("answer", answer).Run([&] {
     auto parsed = desk::TryParseJson(answer_);
     if (!parsed) error_ = RELAYD_BAD_ANSWER;
     if (parsed) answer = std::move(*parsed);
@@ -151,8 +150,7 @@ bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD command, const Json::Value& body
 }
 
 bool AliasRequest::Send(ALIAS_RET& result) {
-  Operation operation("AliasRequest::Send");
-  return operation.Output("alias_result", result).Run([&] {
+  return Operation("AliasRequest::Send").Output("alias_result", result).Run([&] {
     result = ALIAS_FAILED;
     if (!turn_) turn_ = std::make_shared<desk::FolderLock>(desk::Device::Get().Root() / "desk");
     const Transfer transfer = desk::Post(desk::ServerUrl(ControlHost()), desk::ToLine(body_));
@@ -165,8 +163,7 @@ bool AliasRequest::Send(ALIAS_RET& result) {
 }
 
 bool AliasRequest::ResponseToString(ALIAS_RET result, std::string& text) {
-  Operation operation("AliasRequest::ResponseToString", Args(static_cast<int>(result)));
-  return operation.Output("text", text).Run([&] {
+  return Operation("AliasRequest::ResponseToString", Args(static_cast<int>(result))).Output("text", text).Run([&] {
     text = TextOf(kAliasTexts, result);
     return true;
   });
