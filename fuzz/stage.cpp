@@ -23,11 +23,9 @@ std::string Content(const Json::Value& value) { return value.isString() ? value.
 
 std::string PostFault(const Json::Value& answer) {
   const int number = answer.isInt() ? answer.asInt() : 200;
-  Json::Value fault;
-  fault["result"] = number < kFirstStatus ? number : 0;
-  fault["status"] = number < kFirstStatus ? 0 : number;
-  fault["answer"] = answer.isInt() ? "" : Content(answer);
-  return "POST=" + ToJsonText(fault);
+  return "POST=" + ToJsonText(Object({{"result", number < kFirstStatus ? number : 0},
+                                      {"status", number < kFirstStatus ? 0 : number},
+                                      {"answer", answer.isInt() ? "" : Content(answer)}}));
 }
 
 /// Counts the open ones of the first descriptors, which new files get.

@@ -1,28 +1,11 @@
 // What a device takes for granted about the module as a binary.
 
 #include <dlfcn.h>
-#include <platform/relay.h>
-
-#include <cstdint>
-#include <cstring>
 
 #include "tests/desk_fixture.h"
 
 namespace desk {
 namespace {
-
-/// The slot of a virtual function in its class's table: x86 keeps 1 + its offset in a pointer to member.
-template <typename Function>
-size_t Slot(Function function) {
-  std::uintptr_t word = 0;
-  std::memcpy(&word, &function, sizeof(word));
-  return (word - 1) / sizeof(void*);
-}
-
-TEST(Layout, ConfigurationObjectsStartWithTheSlotsOfTheLibrary) {
-  EXPECT_EQ(Slot(&VEXA::Relay::Config::Overwrite), 0u);
-  EXPECT_EQ(Slot(&VEXA::Relay::Config::Verify), 1u);
-}
 
 TEST(MethodTable, HoldsItsRowsInOrderAndAnEndRow) {
   void* library = dlopen(MODULE_FILE, RTLD_NOW | RTLD_LOCAL);

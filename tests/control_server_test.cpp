@@ -65,8 +65,7 @@ TEST_F(AliasTest, TheControlServerKeepsItsRules) {
     const Json::Value before = ServerState();
     Json::Value request = ParseJson(row[4]);
     request["command"] = row[1];
-    request["auth"]["device"] = row[2];
-    request["auth"]["api_key"] = row[3];
+    request["auth"] = Object({{"device", row[2]}, {"api_key", row[3]}});
     const std::string answer = Post("http://control.vexa.example/relay", ToLine(request)).answer;
     EXPECT_EQ(answer, ToLine(ParseJson(row[5])));
     EXPECT_TRUE(answer.find("error") == std::string::npos || ServerState() == before) << "refused, yet not forgotten";

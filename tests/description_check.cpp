@@ -12,9 +12,8 @@
 #include <set>
 #include <stdexcept>
 
-#include "devkit/device/operations.h"
-#include "devkit/device/trace.h"
 #include "devkit/device/json.h"
+#include "devkit/device/operations.h"
 #include "devkit/webapi/description.h"
 
 namespace desk {

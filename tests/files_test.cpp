@@ -18,13 +18,11 @@ class FilesTest : public DeskTest {
  protected:
   /// A list of `count` services.
   static Json::Value Services(int count) {
-    Json::Value params;
-    params["services"] = Json::arrayValue;
+    Json::Value list;
     for (int index = 0; index < count; ++index) {
-      params["services"][index]["id"] = "service " + std::to_string(index);
-      params["services"][index]["enabled"] = true;
+      list.append(Object({{"id", "service " + std::to_string(index)}, {"enabled", true}}));
     }
-    return params;
+    return Object({{"services", list}});
   }
 };
 

@@ -153,8 +153,7 @@ TEST_F(StorageTest, DeviceAndControlServerAgreeOnTheAlias) {
   std::vector<std::thread> threads;
   for (const char* alias : {"first", "second", "third", "fourth"}) {
     threads.emplace_back([alias] {
-      Json::Value params;
-      params["server_alias"] = alias;
+      const Json::Value params = Object({{"server_alias", alias}});
       for (int call = 0; call < 10; ++call) Call(FindHandler("2/set_server_alias"), params, true);
     });
   }

@@ -50,9 +50,8 @@ TEST_F(ThreadTest, EightThreadsCallEverythingAtOnce) {
   const std::vector<APITableEntry>& rows = TheModule().Rows();
   Json::Value params = ParseJson(kAliasV1);
   params["enabled"] = true;
-  params["services"][0]["id"] = "web";
-  params["services"][0]["enabled"] = true;
-  Write(kServices, R"([{"id": "web", "enabled": true}])");
+  params["services"] = Args(Object({{"id", "web"}, {"enabled", true}}));
+  Write(kServices, ToLine(params["services"]));
 
   std::vector<std::string> alone;
   for (const APITableEntry& row : rows) {
