@@ -14,17 +14,16 @@ constexpr char kNotLoaded[] = "tunnelbridge.v1:119 load config failed";
 
 using Names = std::vector<std::string>;
 
-class FilesTest : public DeskTest {
- protected:
-  /// A list of `count` services.
-  static Json::Value Services(int count) {
-    Json::Value list;
-    for (int index = 0; index < count; ++index) {
-      list.append(Object({{"id", "service " + std::to_string(index)}, {"enabled", true}}));
-    }
-    return Object({{"services", list}});
+using FilesTest = DeskTest;
+
+/// Parameters with a list of `count` services.
+Json::Value Services(int count) {
+  Json::Value list;
+  for (int index = 0; index < count; ++index) {
+    list.append(Object({{"id", "service " + std::to_string(index)}, {"enabled", true}}));
   }
-};
+  return Object({{"services", list}});
+}
 
 TEST_F(FilesTest, AFileThatDoesNotParseIsMovedAside) {
   Write(kBadConf, "older");

@@ -3,6 +3,7 @@
 #include "devkit/host/rpc_server.h"
 
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <netinet/in.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -54,7 +55,6 @@ TEST_F(HostTest, EveryCommandHasItsExitCodeAndItsWords) {
       {"check /nowhere.so", 3, "/nowhere.so"},
       {"serve --allow-origin http://desk.example:3000/", 2, "is no origin"},
       {"serve --allow-origin http://", 2, "is no origin"},
-      {"serve --allow-origin desk", 2, "is no origin"},
       {"serve --foo", 2, "foo"},
       {"foo", 2, "foo"},
       {"list foo", 2, "foo"},
@@ -155,9 +155,12 @@ std::string Exchange(int port, const std::string& text) {
   return peer.Receive();
 }
 
+std::string BodyOf(const std::string& answer) { return answer.substr(answer.find("\r\n\r\n") + 4); }
+
 constexpr char kStatus[] = R"({"jsonrpc": "2.0", "id": 1, "method": "VEXA.Core.TunnelBridge/1/status"})";
 constexpr char kAdmin[] = "Authorization: Bearer secret\r\n";
-constexpr char kJson[] = "Content-Type: application/json\r\n";
+const std::string json = "Content-Type: application/json\r\n";
+const std::string local = "Host: localhost\r\nConnection: close\r\n";
 
 /// A request with `headers`, to which it adds a Content-Length unless they speak of one.
 std::string Post(const std::string& headers, const std::string& body = kStatus) {
@@ -186,11 +189,13 @@ class RpcTest : public DeskTest {
   }
   /// The answer to a call with these headers beside the usual ones, its head included.
   std::string Send(const std::string& body, const std::string& headers = "") const {
-    return Exchange(port_, Post(std::string("Host: localhost\r\nConnection: close\r\n") + kJson + headers, body));
+    return Exchange(port_, Post(local + json + headers, body));
+  }
+  std::string Get(const std::string& path) const {
+    return Exchange(port_, "GET " + path + " HTTP/1.1\r\n" + local + "\r\n");
   }
   Json::Value Rpc(const std::string& body, const std::string& headers = "") const {
-    const std::string answer = Send(body, headers);
-    const Json::Value reply = ParseJson(answer.substr(answer.find("\r\n\r\n") + 4));
+    const Json::Value reply = ParseJson(BodyOf(Send(body, headers)));
     if (reply.isMember("error")) CheckError(reply["error"]);
     return reply;
   }
@@ -209,13 +214,10 @@ TEST_F(RpcTest, TheTokenMakesAnAdministrator) {
   }
   EXPECT_EQ(ToLine(Rpc(body, "Authorization: bEARER secret\r\n")), R"({"id":7,"jsonrpc":"2.0","result":null})");
   EXPECT_EQ(Rpc(Request("VEXA.Core.TunnelBridge.Upnp/1/get"))["result"]["enabled"], false);
-}
 
-TEST_F(RpcTest, TheDeskIsDrivenByAdministratorsOnly) {
-  const std::string body = Request("desk.add_fault", R"({"fault": "x"})");
-  EXPECT_EQ(Rpc(body)["error"]["code"], 105);
-  const Json::Value error = Rpc(body, kAdmin)["error"];
-  EXPECT_EQ(error["data"]["problem"].asString().find("'x' is no"), 0u);
+  const std::string fault = Request("desk.add_fault", R"({"fault": "x"})");
+  EXPECT_EQ(Rpc(fault)["error"]["code"], 105);
+  EXPECT_EQ(Rpc(fault, kAdmin)["error"]["data"]["problem"].asString().rfind("'x' is no", 0), 0u);
 }
 
 TEST_F(RpcTest, AnswersNameTheirCallInTheTrace) {
@@ -225,39 +227,26 @@ TEST_F(RpcTest, AnswersNameTheirCallInTheTrace) {
 }
 
 TEST_F(RpcTest, TheConsoleRunsNothingFromElsewhere) {
-  const std::string page = Exchange(port_, "GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+  const std::string page = Get("/");
   EXPECT_NE(page.find("\r\nContent-Security-Policy: default-src 'none'; script-src 'self';"), std::string::npos)
       << page;
   EXPECT_NE(page.find("<!DOCTYPE html>"), std::string::npos);
 }
 
-/// An answer in which an error is its code and its id only.
-std::string WithoutDetails(std::string text) {
-  const std::string start = R"("error":{"code":)";
-  const std::string end = R"(},"id":)";
-  const std::string version = R"(,"jsonrpc":"2.0")";
-  for (size_t at = 0; (at = text.find(start, at)) != std::string::npos;) {
-    const size_t code = at + start.size();
-    text.replace(at, text.find(end, at) + 1 - at, R"("error":)" + text.substr(code, text.find(',', code) - code));
-    at = text.find(version, at);
-    text.erase(at, version.size());
-  }
-  return text;
-}
-
-// The examples of the protocol's document and some of its corners. $ stands for a method, ~ for what it answers.
+// The examples of the protocol's document and some of its corners. $ stands for a method, ~ for what it answers, * for
+// the rest of an error; answers are patterns, in which a list begins with [[].
 TEST_F(RpcTest, TheProtocolIsKeptWhole) {
   const std::string status = R"("method": "VEXA.Core.TunnelBridge/1/status")";
   const std::string result = R"("jsonrpc":"2.0","result":{"alias_status":"unknown","status":"not_running"}})";
   const std::string foreign = R"({"jsonrpc": "2.0", "method": "foobar", "id": "1"})";
   const std::string call = R"({"jsonrpc": "2.0", "id": 1, $})";
   const std::string notification = R"({"jsonrpc": "2.0", $})";
-  const auto error = [](const char* code, const char* id) {
-    return std::string(R"({"error":)") + code + R"(,"id":)" + id + "}";
+  const auto error = [](const std::string& code, const std::string& id) {
+    return R"({"error":{"code":)" + code + R"(,*},"id":)" + id + R"(,"jsonrpc":"2.0"})";
   };
   const std::string invalid = error("-32600", "null");
   std::string hundred = "[" + call;
-  std::string answers = R"([{"id":1,~)";
+  std::string answers = R"([[]{"id":1,~)";
   for (int count = 1; count < 100; ++count) {
     hundred += "," + call;
     answers += R"(,{"id":1,~)";
@@ -299,10 +288,10 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
       {"{\"jsonrpc\": \"2.0\", \"id\": \"\xff\", $}", error("-32700", "null")},
       {R"([{"jsonrpc": "2.0", $, "id": "1"}, {"jsonrpc": "2.0", "method")", error("-32700", "null")},
       {"[]", invalid},
-      {"[1]", "[" + invalid + "]"},
-      {"[1,2,3]", "[" + invalid + "," + invalid + "," + invalid + "]"},
+      {"[1]", "[[]" + invalid + "]"},
+      {"[1,2,3]", "[[]" + invalid + "," + invalid + "," + invalid + "]"},
       {"[" + call + "," + notification + "," + foreign + R"(,{"foo": "boo"}])",
-       R"([{"id":1,~,)" + error("-32601", R"("1")") + "," + invalid + "]"},
+       R"([[]{"id":1,~,)" + error("-32601", R"("1")") + "," + invalid + "]"},
       {"[" + notification + "," + notification + "]", ""},
       {hundred + "]", answers + "]"},
       {hundred + "," + call + "]", invalid},
@@ -313,10 +302,10 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
   };
   for (const auto& row : cases) {
     const std::string answer = Send(fill(row.request, '$', status));
-    const std::string body = answer.substr(answer.find("\r\n\r\n") + 4);
+    const std::string body = BodyOf(answer);
     if (body.rfind("{\"error\"", 0) == 0) CheckError(ParseJson(body)["error"]);
-    EXPECT_EQ(WithoutDetails(body), row.answer.empty() ? "" : fill(row.answer, '~', result) + "\n")
-        << row.request.substr(0, 200);
+    const std::string pattern = row.answer.empty() ? "" : fill(row.answer, '~', result) + "\n";
+    EXPECT_EQ(fnmatch(pattern.c_str(), body.c_str(), FNM_NOESCAPE), 0) << row.request.substr(0, 200) << '\n' << body;
     EXPECT_EQ(answer.substr(0, 12), row.answer.empty() ? "HTTP/1.1 204" : "HTTP/1.1 200") << row.request.substr(0, 200);
   }
 }
@@ -332,42 +321,33 @@ TEST_F(RpcTest, AnErrorTellsCauseRemedyAndLog) {
 }
 
 TEST_F(RpcTest, TheServerDescribesItself) {
-  for (const char* params : {"", R"(, "params": [])", R"(, "params": {})"}) {
-    const Json::Value reply =
-        Rpc(std::string(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover")") + params + "}");
-    EXPECT_EQ(reply["result"], Describe(TheModule())) << params;
-  }
-  const std::string file =
-      Exchange(port_, "GET /openrpc.json HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
-  EXPECT_EQ(file.substr(file.find("\r\n\r\n") + 4), ToLine(Describe(TheModule())) + "\n");
-  for (const char* params : {"[1]", R"({"a": 1})"}) {
-    const std::string asked =
-        std::string(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover", "params": )") + params;
-    EXPECT_EQ(Rpc(asked + "}")["error"]["code"], -32602) << params;
-  }
+  const Json::Value description = Describe(TheModule());
+  EXPECT_EQ(Rpc(R"({"jsonrpc": "2.0", "id": 1, "method": "rpc.discover"})")["result"], description);
+  for (const char* none : {"[]", "{}"}) EXPECT_EQ(Rpc(Request("rpc.discover", none))["result"], description);
+  for (const char* any : {"[1]", R"({"a": 1})"}) EXPECT_EQ(Rpc(Request("rpc.discover", any))["error"]["code"], -32602);
+  EXPECT_EQ(BodyOf(Get("/openrpc.json")), ToLine(description) + "\n");
 }
 
 TEST_F(RpcTest, AnAdmittedOriginMayAskFromItsPages) {
   RpcServer server(TheModule(), "secret", {"http://desk.example:3000"});
   const int port = server.Start(0);
-  const std::string origin = "Host: localhost\r\nConnection: close\r\nOrigin: http://desk.example:3000\r\n";
+  const std::string origin = local + "Origin: http://desk.example:3000\r\n";
   const std::string asked = Exchange(
       port, "OPTIONS /rpc HTTP/1.1\r\n" + origin + "Access-Control-Request-Method: POST\r\nContent-Length: 0\r\n\r\n");
   EXPECT_EQ(asked.substr(0, 12), "HTTP/1.1 204");
   EXPECT_NE(asked.find("Access-Control-Allow-Methods: POST\r\n"), std::string::npos) << asked;
-  const std::string answer = Exchange(port, Post(origin + kJson));
+  const std::string answer = Exchange(port, Post(origin + json));
   EXPECT_NE(answer.find("Access-Control-Allow-Origin: http://desk.example:3000\r\n"), std::string::npos) << answer;
 }
 
 TEST_F(RpcTest, AnExceptionIsAnInternalErrorThatNamesTheMethod) {
   const Json::Value error = Rpc(Request("VEXA.Core.TunnelBridge/1/set", R"({"enabled": "x"})"), kAdmin)["error"];
   EXPECT_EQ(error["code"], -32603);
-  EXPECT_NE(error["message"].asString().find("VEXA.Core.TunnelBridge/1/set"), std::string::npos);
+  EXPECT_EQ(error["message"].asString().rfind("VEXA.Core.TunnelBridge/1/set left with", 0), 0u);
 }
 
 TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
-  const std::string local = "Host: localhost\r\nConnection: close\r\n";
-  const std::string head = local + kJson;
+  const std::string head = local + json;
   const std::string chunks = "48\r\n" + std::string(kStatus) + "\r\n0\r\n\r\n";
   const std::string megabyte(1 << 20, ' ');
   const std::string coded = head + "Transfer-Encoding: chunked\r\nX-No-Content-Length: 1\r\n";
@@ -387,9 +367,9 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(head + "Content-Length : 72\r\n"), 400},
       {Post(head + "Content-Length: 7f\r\n"), 400},
       {Post(coded, "5;" + megabyte), 400},
-      {Post(std::string("Connection: close\r\n") + kJson), 400},
-      {Post(std::string("Host: desk.example\r\nConnection: close\r\n") + kJson), 403},
-      {Post(std::string("Host: localhost:evil\r\nConnection: close\r\n") + kJson), 403},
+      {Post("Connection: close\r\n" + json), 400},
+      {Post("Host: desk.example\r\nConnection: close\r\n" + json), 403},
+      {Post("Host: localhost:evil\r\nConnection: close\r\n" + json), 403},
       {Post(head + "Origin: http://localhost:1\r\n"), 403},
       {Post(head + "Origin: null\r\n"), 403},
       {"GET /nothing HTTP/1.1\r\n" + local + "\r\n", 404},
@@ -420,7 +400,7 @@ TEST_F(RpcTest, PipelinedRequestsAreAnsweredInOrderWhenNoMoreCome) {
   std::string ids;
   for (int id = 1; id <= 7; ++id) {
     std::string call = kStatus;
-    requests += Post(std::string("Host: localhost\r\n") + kJson, call.replace(call.find("1,"), 1, std::to_string(id)));
+    requests += Post("Host: localhost\r\n" + json, call.replace(call.find("1,"), 1, std::to_string(id)));
     ids += std::to_string(id);
   }
   std::deque<Peer> peers;
@@ -437,7 +417,7 @@ TEST_F(RpcTest, PipelinedRequestsAreAnsweredInOrderWhenNoMoreCome) {
 TEST_F(RpcTest, ARequestUnderWayIsAnsweredBeforeTheEnd) {
   auto server = std::make_unique<RpcServer>(TheModule(), "secret");
   const Peer peer(server->Start(0));
-  const std::string whole = Post(std::string("Host: localhost\r\nExpect: 100-continue\r\n") + kJson);
+  const std::string whole = Post("Host: localhost\r\nExpect: 100-continue\r\n" + json);
   peer.Send(whole.substr(0, whole.find('{')));
   EXPECT_NE(peer.Receive("\r\n\r\n").find("HTTP/1.1 100"), std::string::npos) << "its head has come";
   const auto end = std::async(std::launch::async, [&server] { server.reset(); });
@@ -446,17 +426,17 @@ TEST_F(RpcTest, ARequestUnderWayIsAnsweredBeforeTheEnd) {
 }
 
 TEST_F(RpcTest, HalfARequestOfAClientThatIsGoneHoldsNothing) {
-  const std::string whole = Post(std::string("Host: localhost\r\n") + kJson);
+  const std::string whole = Post("Host: localhost\r\n" + json);
   for (const size_t size : {whole.size() / 4, whole.size() - 1}) EXPECT_EQ(Exchange(port_, whole.substr(0, size)), "");
 }
 
 TEST_F(RpcTest, TheBodyOfARefusedRequestIsNoRequest) {
-  const std::string hidden = Post(std::string("Host: localhost\r\nConnection: close\r\n") + kJson);
+  const std::string hidden = Post(local + json);
   EXPECT_NE(Exchange(port_, hidden).find("\"result\""), std::string::npos) << "by itself it is one";
   for (const char* head : {"GET /rpc HTTP/1.1\r\n", "POST /rpc HTTP/1.1\r\nTransfer-Encoding: chunked\r\n",
                            "POST /rpc HTTP/1.1\r\nContent-Type: multipart/form-data\r\n"}) {
-    const std::string answer = Exchange(port_, head + ("Host: localhost\r\nConnection: close\r\nContent-Length: " +
-                                                       std::to_string(hidden.size()) + "\r\n\r\n" + hidden));
+    const std::string length = "Content-Length: " + std::to_string(hidden.size()) + "\r\n\r\n";
+    const std::string answer = Exchange(port_, head + local + length + hidden);
     EXPECT_EQ(answer.rfind("HTTP/1.1 4", 0), 0u) << answer;
     EXPECT_EQ(answer.find("\"result\""), std::string::npos) << answer;
   }

@@ -13,6 +13,13 @@ namespace {
 class TableTest : public DeskTest, public testing::WithParamInterface<Row> {
  protected:
   TableTest() { Write(kConf, kReadyConf); }
+
+  /// Makes the call of a row that has parameters and what is given in its second and third column.
+  void MakeCall() {
+    StartControlServer();
+    Arrange(GetParam()[2]);
+    CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
+  }
 };
 
 /// Every way in which a method fails: its code, its log lines and what is left on the device.
@@ -62,9 +69,7 @@ INSTANTIATE_TEST_SUITE_P(Each, PayloadTest, testing::ValuesIn(ReadTable("payload
 class OrderTest : public TableTest {};
 
 TEST_P(OrderTest, OfOperations) {
-  StartControlServer();
-  Arrange(GetParam()[2]);
-  CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
+  MakeCall();
   std::string operations;
   for (const std::string& operation : Operations()) operations += operation + " ";
   EXPECT_EQ(fnmatch((GetParam()[3] + " ").c_str(), operations.c_str(), 0), 0) << operations;
@@ -76,9 +81,7 @@ INSTANTIATE_TEST_SUITE_P(Each, OrderTest, testing::ValuesIn(ReadTable("orders.tx
 class ArgumentsTest : public TableTest {};
 
 TEST_P(ArgumentsTest, OfOperations) {
-  StartControlServer();
-  Arrange(GetParam()[2]);
-  CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
+  MakeCall();
   const std::vector<std::string> operations = Split(GetParam()[3], " ");
   Json::Value arguments(Json::arrayValue);
   for (const Json::Value& line : device->trace.Lines()) {

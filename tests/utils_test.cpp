@@ -31,16 +31,6 @@ TEST(ErrorCodes, StandForTheResultsOfTheLibrary) {
   }
 }
 
-TEST(ErrorCodes, AMapListsAResultOnceAndEndsWith255) {
-  const auto expect_map = [](const auto& map) {
-    std::set<int> listed;
-    for (const ErrorCodeRow& row : map) EXPECT_TRUE(listed.insert(row.result).second) << row.result;
-    EXPECT_EQ(std::end(map)[-1].result, 255);
-  };
-  expect_map(grgRelayErrorCodeMap);
-  expect_map(grgAliasErrorCodeMap);
-}
-
 TEST_F(UtilsTest, ADaemonThatIsOffIsNotStopped) {
   EXPECT_EQ(NotifyVexarelayd(), 0);
   EXPECT_EQ(Count("VLIBServiceStop"), 0u);

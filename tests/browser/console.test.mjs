@@ -53,10 +53,6 @@ class Console {
     await this.page.goto(`${this.desk.address}#token=${token}`);
   }
 
-  async choose(selector, value) {
-    await this.at(selector).selectOption(value);
-  }
-
   /** Makes the chosen call, waits until its answer and its trace are shown, and gives the code. */
   async call() {
     const answer = this.page.waitForResponse((response) => response.headers()["desk-call"]);
@@ -68,7 +64,7 @@ class Console {
   }
 
   async callMethod(method, params = {}) {
-    await this.choose("#method", `${api}/${method}`);
+    await this.at("#method").selectOption(`${api}/${method}`);
     for (const [name, value] of Object.entries(params)) {
       const field = this.at(`#param-${name}`);
       await (typeof value === "boolean" ? field.selectOption(String(value)) : field.fill(value));
@@ -111,7 +107,7 @@ test("registers an alias and switches on", async ({ tab }) => {
 });
 
 test("refuses an ordinary user", async ({ tab }) => {
-  await tab.choose("#as", "user");
+  await tab.at("#as").selectOption("user");
   expect(await tab.set(true)).toBe("105");
   await expect(tab.at("#answer .remedy")).toContainText("Call as an administrator");
 });
@@ -120,8 +116,8 @@ test("makes an operation fail from its line of the trace", async ({ tab }) => {
   await tab.setAlias();
   expect(await tab.set(true)).toBe("success");
   await tab.at("#trace [data-op=VLIBServiceStart] .fail").click();
-  await tab.choose("#fail-kind", "fail");
-  await tab.choose("#fail-when", "once");
+  await tab.at("#fail-kind").selectOption("fail");
+  await tab.at("#fail-when").selectOption("once");
   await tab.at("#fail-add").click();
   await expect(tab.at("#faults")).toContainText("VLIBServiceStart=fail@1");
   expect(await tab.set(false)).toBe("success");
@@ -226,7 +222,7 @@ test("answers within 200 ms after 100,000 lines, and never shows half a call", a
 test("can be read in light and dark, wide and narrow", async ({ page, tab }) => {
   const browser = await page.context().newCDPSession(page);
   await tab.setAlias();
-  await tab.choose("#as", "user"); // whose command has no token
+  await tab.at("#as").selectOption("user"); // whose command has no token
   await page.evaluate(axe.source);
   for (const colorScheme of ["light", "dark"]) {
     await page.emulateMedia({ colorScheme });
