@@ -58,7 +58,7 @@ std::vector<std::string> ListPaths(const Device& device) {
 }
 
 /// JSON holds any text, but no other bytes.
-bool IsText(const std::string& bytes) { return TryParseJson(ToLine(bytes)) == std::optional<Json::Value>(bytes); }
+bool IsText(const std::string& bytes) { return TryParseJson(ToLine(bytes)) == Json::Value(bytes); }
 
 void Write(const fs::path& file, const std::string& text) {
   if (!StoreText(file, text)) throw FileError("cannot write '" + file.string() + "'");
