@@ -3,7 +3,7 @@
 // then on; for n = 1, 2, 3 until none does. What the stand-in allocates for itself never fails.
 
 #include <dlfcn.h>
-#include <unwind.h>
+#include <execinfo.h>
 
 #include <algorithm>
 #include <array>
@@ -12,6 +12,7 @@
 #include <iostream>
 #include <new>
 #include <set>
+#include <utility>
 
 #include "devkit/device/operation.h"
 #include "tests/description_check.h"
@@ -38,35 +39,19 @@ Owner OwnerOf(void* code) {
 
 /// Remembers what `OwnerOf` says, which takes longer than a whole allocation.
 Owner KnownOwnerOf(void* code) {
-  struct Known {
-    void* code;
-    Owner owner;
-  };
-  static thread_local std::array<Known, 4096> known{};
-  Known& slot = known[reinterpret_cast<size_t>(code) % known.size()];
-  if (slot.code != code) slot = {code, OwnerOf(code)};
-  return slot.owner;
-}
-
-struct Walk {
-  void* allocating;
-  bool reached;
-  Owner owner;
-};
-
-_Unwind_Reason_Code Step(_Unwind_Context* frame, void* data) {
-  auto& walk = *static_cast<Walk*>(data);
-  auto* code = reinterpret_cast<void*>(_Unwind_GetIP(frame));
-  walk.reached = walk.reached || code == walk.allocating;
-  if (walk.reached) walk.owner = KnownOwnerOf(code);
-  return walk.owner == Owner::kCaller ? _URC_NO_REASON : _URC_NORMAL_STOP;
+  static thread_local std::array<std::pair<void*, Owner>, 4096> known{};
+  auto& [known_code, owner] = known[reinterpret_cast<size_t>(code) % known.size()];
+  if (std::exchange(known_code, code) != code) owner = OwnerOf(code);
+  return owner;
 }
 
 /// Whether the code that allocates works for the module: no function of the stand-in stands between the two.
 bool IsOfModule(void* allocating) {
-  Walk walk{allocating, false, Owner::kCaller};
-  _Unwind_Backtrace(Step, &walk);
-  return walk.owner == Owner::kModule;
+  std::array<void*, 64> frames;
+  const auto end = frames.begin() + backtrace(frames.data(), frames.size());
+  const auto caller = std::find(frames.begin(), end, allocating);
+  const auto found = std::find_if(caller, end, [](void* code) { return KnownOwnerOf(code) != Owner::kCaller; });
+  return found != end && KnownOwnerOf(*found) == Owner::kModule;
 }
 
 bool AllocationFails(void* allocating) {
