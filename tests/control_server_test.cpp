@@ -54,7 +54,7 @@ TEST_F(AliasTest, FormsOfAliasAndAccount) {
 
 TEST_F(AliasTest, AnAnswerThatTakesTooLongIsCutShort) {
   device->total_limit = std::chrono::milliseconds(100);
-  Script(R"([{"delay_ms": 1000}])");
+  Arrange(R"(script=[{"delay_ms": 1000}])");
   EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2902);
   EXPECT_EQ(Logs().front(), "utils:275 request send failed: 28, network failed");
 }
@@ -80,7 +80,7 @@ TEST_F(AliasTest, AKeyExpiresInTheStateOrByTheScript) {
   EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success) << "registered again with a new key";
   EXPECT_EQ(Count("AuthConf::GenerateApiKey"), 1u);
 
-  Script(R"([{"command": "set_alias", "error": 111}])");
+  Arrange(R"(script=[{"command": "set_alias", "error": 111}])");
   EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2900);
   EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success) << "a scripted 111 lets the key expire";
 }

@@ -7,7 +7,6 @@
 #include <cctype>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 
 #include "tests/description_check.h"
 
@@ -66,8 +65,7 @@ std::string Params(const std::string& cell) {
       {"off", R"({"enabled": false})"},
       {"alias", kAliasV1},
       {"long", R"({"services": [{"enabled": true, "id": ")" + std::string(9000, 'a') + "\"}]}"}};
-  const auto known = names.find(cell);
-  return known == names.end() ? cell : known->second;
+  return names.count(cell) == 0 ? cell : names.at(cell);
 }
 
 void DeskTest::Arrange(const std::string& given) {
@@ -95,7 +93,6 @@ void DeskTest::Arrange(const std::string& given) {
 Finished RunHost(const std::string& words) {
   FILE* pipe = popen(("'" HOST_PROGRAM "' " + words).c_str(), "r");
   Finished finished{-1, ""};
-  if (pipe == nullptr) return finished;
   std::array<char, 4096> part;
   while (const size_t size = fread(part.data(), 1, part.size(), pipe)) finished.out.append(part.data(), size);
   finished.code = WEXITSTATUS(pclose(pipe));
@@ -132,8 +129,8 @@ std::vector<std::string> DeskTest::Logs() const {
   constexpr int kDebug = 7;
   std::vector<std::string> logs;
   for (const Json::Value& line : device->trace.Lines()) {
-    if (line["op"] != "syslog") continue;
-    logs.push_back((line["args"][0] == kDebug ? "debug " : "") + line["args"][1].asString());
+    const std::string priority = line["args"][0] == kDebug ? "debug " : "";
+    if (line["op"] == "syslog") logs.push_back(priority + line["args"][1].asString());
   }
   return logs;
 }
@@ -158,17 +155,9 @@ void DeskTest::StartControlServer() {
   device->control_port = control_server->Start();
 }
 
-void DeskTest::Script(const std::string& steps) const { Write("desk/control-server/script.json", steps); }
-
 Json::Value DeskTest::ServerState() const { return ReadJson("desk/control-server/state.json"); }
 
 void DeskTest::Write(const std::string& file, const std::string& text) const { std::ofstream(Path(file)) << text; }
-
-std::string DeskTest::Read(const std::string& file) const {
-  std::ostringstream text;
-  text << std::ifstream(Path(file)).rdbuf();
-  return text.str();
-}
 
 std::map<std::string, std::string> DeskTest::Snapshot() const {
   std::map<std::string, std::string> files;

@@ -57,12 +57,10 @@ class DeskTest : public testing::Test {
   void Arrange(const std::string& given);
 
   void StartControlServer();
-  /// What the control server does with its next requests.
-  void Script(const std::string& steps) const;
   Json::Value ServerState() const;
 
   void Write(const std::string& file, const std::string& text) const;
-  std::string Read(const std::string& file) const;
+  std::string Read(const std::string& file) const { return LoadText(Path(file)).value_or(""); }
   Json::Value ReadJson(const std::string& file) const { return LoadJson(Path(file)).value_or(Json::Value()); }
   bool Exists(const std::string& file) const { return std::filesystem::exists(Path(file)); }
   std::filesystem::path Path(const std::string& file) const { return device->Root() / file; }
