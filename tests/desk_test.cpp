@@ -37,7 +37,6 @@ TEST_F(DeskTest, AFaultThatCannotBeIsRefused) {
       {"VLIBServiceStrat=1", "there are APIRequest::GetParam, "},
       {"syslog=fail", "there is no operation 'syslog'"},
       {"VLIBServiceStart=true", "type integer"},
-      {"AliasConf::Verify=1", "type boolean"},
       {"AliasConf::GetAliasName=1", "type string"},
       {"*=1", "type nothing"},
       {"Daemon::GetStatus={\"state\": \"\"}", "no output 'state'; it has error, result, server_id, status"},

@@ -16,10 +16,9 @@ constexpr int kThreads = 8;
 /// Without the values that differ from moment to moment.
 std::string Steady(Json::Value data) {
   if (!data.isObject()) return ToLine(data);
-  for (const char* member : {"server_id", "status", "alias_status"}) {
-    if (data.isMember(member) && data[member].isString()) data[member] = "";
+  for (const char* member : {"server_id", "status", "alias_status", "enabled"}) {
+    if (data.isMember(member)) data[member] = data[member].type();
   }
-  if (data.isMember("enabled") && data["enabled"].isBool()) data["enabled"] = true;
   return ToLine(data);
 }
 

@@ -19,14 +19,7 @@ constexpr bool Breaks(std::string_view rule) { return rule == BROKEN_RULE; }
 constexpr int kNotAdministrator = 105;
 constexpr int kInvalidRequest = 2901;
 
-bool IsDeep(const Json::Value& value) {
-  const Json::Value* inner = &value;
-  for (unsigned level = 0; level < 100; ++level) {
-    if (!inner->isArray() || inner->empty()) return false;
-    inner = &(*inner)[0];
-  }
-  return true;
-}
+unsigned Depth(const Json::Value& value) { return value.isArray() && !value.empty() ? 1 + Depth(value[0]) : 0; }
 
 void Stop() {
   for (;;) pause();
@@ -37,7 +30,7 @@ void Work(const Json::Value& value) {
   const std::string text = value.isString() ? value.asString() : "";
   if (Breaks("kCrashes") && text.find('\0') != std::string::npos) std::abort();
   if (Breaks("kLoops") && text.size() > 10000) Stop();
-  if (Breaks("kExits") && IsDeep(value)) _exit(0);
+  if (Breaks("kExits") && Depth(value) >= 100) _exit(0);
   if (Breaks("kLeavesFileOpen") && value.isBool()) open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (Breaks("kLeavesThread") && value.isInt()) std::thread(Stop).detach();
   if (Breaks("kLeavesProcess") && value.isInt() && fork() == 0) {
