@@ -350,6 +350,8 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(coded, chunks), 200},
       {Post("hOST: LocalHost:1\r\nConnection: close\r\ncontent-TYPE: Application/JSON; charset=utf-8\r\n"), 200},
       {Post(head + "Range: bytes=0-1\r\n"), 200},
+      {"GET http://localhost/openrpc.json HTTP/1.1\r\n" + local + "\r\n", 200},
+      {"GET x/openrpc.json HTTP/1.1\r\n" + local + "\r\n", 404},
       {Post(head + "Origin: http://localhost\r\n"), 200},
       {Post(head + "Host: localhost\r\n"), 400},
       {Post(head + "Content-Length: 72\r\nContent-Length: 72\r\n"), 400},

@@ -4,6 +4,7 @@
 #include <linux/tcp.h>
 #include <microhttpd.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -136,6 +137,15 @@ MHD_Result AddHeader(void* request, MHD_ValueKind, const char* name, const char*
 ssize_t BreakOff(void* body, std::uint64_t at, char* target, size_t size) {
   const auto& text = *static_cast<const std::string*>(body);
   return at < text.size() ? static_cast<ssize_t>(text.copy(target, size, at)) : MHD_CONTENT_READER_END_WITH_ERROR;
+}
+
+/// The path of a request's target, which may be a whole address, as clients send it that take the server for a proxy.
+std::string PathOf(const std::string& target) {
+  constexpr char kScheme[] = "http://";
+  constexpr size_t kSize = sizeof(kScheme) - 1;
+  if (strncasecmp(target.c_str(), kScheme, kSize) != 0) return target;
+  const size_t path = target.find('/', kSize);
+  return path == std::string::npos ? "/" : target.substr(path);
 }
 
 size_t BodyBytes(const Request& request) {
@@ -311,7 +321,7 @@ class Server::Loop {
     connection.stage = Stage::kReceiving;
     Request& request = connection.request;
     request.method = method;
-    request.path = path;
+    request.path = PathOf(path);
     MHD_get_connection_values(connection.handle, MHD_HEADER_KIND, &AddHeader, &request);
     const auto* head = MHD_get_connection_info(connection.handle, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
     connection.response = CheckFrame(request, head->header_size);
