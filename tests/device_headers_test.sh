@@ -13,10 +13,7 @@ cp -r "$source/platform" "$work/device"
 edit() {
   local header=$work/device/platform/$1
   sed --regexp-extended --in-place=.before "$2" "$header"
-  if cmp --silent "$header" "$header.before"; then
-    echo "nothing in $1 fits $2"
-    exit 1
-  fi
+  ! cmp --silent "$header" "$header.before" || { echo "nothing in $1 fits $2" && exit 1; }
 }
 
 edit webapi.h 's/^( +)APICall\* call_;/\1long reserved_[4] = {};\n&/'

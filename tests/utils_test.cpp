@@ -31,11 +31,6 @@ TEST(ErrorCodes, StandForTheResultsOfTheLibrary) {
   }
 }
 
-TEST_F(UtilsTest, ADaemonThatIsOffIsNotStopped) {
-  EXPECT_EQ(NotifyVexarelayd(), 0);
-  EXPECT_EQ(Count("VLIBServiceStop"), 0u);
-}
-
 TEST(Md5, DigestIsLowercaseHexAndTheRestZero) {
   std::string buffer(70, 'x');
   EXPECT_EQ(GetMd5String("message digest", buffer.data(), 64), 0);
