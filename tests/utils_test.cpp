@@ -2,8 +2,6 @@
 
 #include "utils.h"
 
-#include <set>
-
 #include "error_codes.h"
 #include "tests/desk_fixture.h"
 
@@ -16,15 +14,11 @@ using VEXA::Relay::RELAYD_RET;
 using UtilsTest = DeskTest;
 
 TEST(ErrorCodes, StandForTheResultsOfTheLibrary) {
-  const std::map<int, std::set<int>> relay = {{2907, {0}}, {2902, {6, 7}}, {2903, {10, 12, 13, 14}}, {2905, {5, 8}}};
-  const std::map<int, std::set<int>> alias = {{2907, {1}}, {2901, {5}}, {2902, {6, 7}}, {2903, {4, 9, 10}},
-                                              {2904, {3}}, {2905, {8}}, {2906, {12}}};
-  const auto code_of = [](const std::map<int, std::set<int>>& codes, int result) {
-    for (const auto& [code, results] : codes) {
-      if (results.count(result) != 0) return code;
-    }
-    return 2900;
-  };
+  const std::map<int, int> relay = {{0, 2907},  {5, 2905},  {6, 2902},  {7, 2902}, {8, 2905},
+                                    {10, 2903}, {12, 2903}, {13, 2903}, {14, 2903}};
+  const std::map<int, int> alias = {{1, 2907}, {3, 2904}, {4, 2903}, {5, 2901},  {6, 2902},
+                                    {7, 2902}, {8, 2905}, {9, 2903}, {10, 2903}, {12, 2906}};
+  const auto code_of = [](const auto& codes, int result) { return codes.count(result) == 0 ? 2900 : codes.at(result); };
   for (int result = -1; result <= 256; ++result) {
     EXPECT_EQ(MapRelayErrorCode(static_cast<RELAYD_RET>(result)), code_of(relay, result)) << result;
     EXPECT_EQ(MapAliasErrorCode(static_cast<ALIAS_RET>(result)), code_of(alias, result)) << result;
