@@ -135,15 +135,6 @@ std::vector<std::string> DeskTest::Logs() const {
   return logs;
 }
 
-std::vector<std::string> DeskTest::Operations() const {
-  std::vector<std::string> operations;
-  for (const Json::Value& line : device->trace.Lines()) {
-    const std::string operation = line["op"].asString();
-    if (operation != "syslog" && operation.rfind("API", 0) != 0) operations.push_back(operation);
-  }
-  return operations;
-}
-
 unsigned DeskTest::Count(const std::string& operation) const {
   unsigned count = 0;
   for (const Json::Value& line : device->trace.Lines()) count += line["op"] == operation ? 1 : 0;

@@ -48,8 +48,6 @@ class DeskTest : public testing::Test {
 
   /// Log lines of the last call, "debug " before those of debug priority.
   std::vector<std::string> Logs() const;
-  /// Names of the operations of the last call, in order, without those of the framework and the log.
-  std::vector<std::string> Operations() const;
   /// How often the last call asked for an operation.
   unsigned Count(const std::string& operation) const;
 

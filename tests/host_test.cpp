@@ -55,6 +55,10 @@ TEST_F(HostTest, EveryCommandHasItsExitCodeAndItsWords) {
       {"check /nowhere.so", 3, "/nowhere.so"},
       {"serve --allow-origin http://desk.example:3000/", 2, "is no origin"},
       {"serve --allow-origin http://", 2, "is no origin"},
+      {"explain utils:46", 1, "webapi-host: nothing is known of 'utils:46'\n"},
+      {"explain </dev/null", 1, "no line of the log is the module's"},
+      {"explain '' </", 1, "nothing is known of ''"},
+      {"explain - </", 2, "standard input cannot be read"},
       {"list foo", 2, "foo"},
       {"", 2, "webapi-host: "},
   };

@@ -66,16 +66,17 @@ TEST_P(OrderTest, OfOperations) {
   StartControlServer();
   Arrange(GetParam()[2]);
   CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
-  std::string operations;
-  for (const std::string& operation : Operations()) operations += operation + " ";
-  EXPECT_EQ(fnmatch((pattern + " ").c_str(), operations.c_str(), 0), 0) << operations;
-  if (GetParam()[4] == "-") return;
   std::string named = " " + pattern + " ";
   std::replace(named.begin(), named.end(), '*', ' ');
+  std::string operations;
   Json::Value arguments(Json::arrayValue);
   for (const Json::Value& line : device->trace.Lines()) {
-    if (named.find(" " + line["op"].asString() + " ") != std::string::npos) arguments.append(line["args"]);
+    const std::string operation = line["op"].asString() + " ";
+    if (operation != "syslog " && operation.rfind("API", 0) != 0) operations += operation;
+    if (named.find(" " + operation) != std::string::npos) arguments.append(line["args"]);
   }
+  EXPECT_EQ(fnmatch((pattern + " ").c_str(), operations.c_str(), 0), 0) << operations;
+  if (GetParam()[4] == "-") return;
   EXPECT_EQ(ToLine(arguments), ToLine(ParseJson("[" + GetParam()[4] + "]")));
 }
 
