@@ -108,10 +108,9 @@ TEST_F(DeskTest, NothingInTheFolderBringsItDown) {
   const std::string deep(2000, '[');
   const std::string other = R"({"vexarelayd": [], "server_alias": {"name": {}}, "server_kova": 1})";
   const std::string contents[] = {"", "\xff", "[]", "null", deep, other};
-  std::vector<std::string> files;
-  for (const auto& [file, text] : Snapshot()) files.push_back(file);
-  files.insert(files.end(), {"desk/services.json", kAliasStatus});
-  for (const std::string& file : files) {
+  std::map<std::string, std::string> files = Snapshot();
+  files.insert({{"desk/services.json", ""}, {kAliasStatus, ""}});
+  for (const auto& [file, text] : files) {
     for (const std::string& content : contents) {
       Write(file, content);
       for (const APITableEntry& row : TheModule().Rows()) {

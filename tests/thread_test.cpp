@@ -24,8 +24,7 @@ std::string Steady(Json::Value data) {
 
 /// What is wrong about how a call went; empty when nothing is.
 std::string Judge(const Outcome& outcome, const std::string& expected) {
-  if (outcome.answers.size() + (outcome.thrown ? 1 : 0) != 1) return "not answered once";
-  if (outcome.thrown) return "left with an exception: " + *outcome.thrown;
+  if (!outcome.Problem().empty()) return outcome.Problem();
   const Answer& answer = outcome.answers.front();
   if (!answer.success) return answer.data.isNull() && answer.code >= 2900 && answer.code <= 2906 ? "" : "torn error";
   return Steady(answer.data) == expected ? "" : "gave " + ToLine(answer.data);
