@@ -80,6 +80,7 @@ TEST_F(AliasTest, AKeyExpiresInTheStateOrByTheScript) {
 
   Arrange(R"(script=[{"command": "set_alias", "error": 111}])");
   EXPECT_EQ(CallMethod("1/set_server_alias", kAliasV1).code, 2900);
+  EXPECT_EQ(Logs(), Names{"tunnelbridge.v1:83 Alias request alias: mybox ret: 14 error: api_key_expired"});
   EXPECT_TRUE(CallMethod("1/set_server_alias", kAliasV1).success) << "a scripted 111 lets the key expire";
 }
 

@@ -146,8 +146,6 @@ void DeskTest::StartControlServer() {
   device->control_port = control_server->Start();
 }
 
-Json::Value DeskTest::ServerState() const { return ReadJson("desk/control-server/state.json"); }
-
 void DeskTest::Write(const std::string& file, const std::string& text) const { std::ofstream(Path(file)) << text; }
 
 std::map<std::string, std::string> DeskTest::Snapshot() const {

@@ -55,7 +55,7 @@ class DeskTest : public testing::Test {
   void Arrange(const std::string& given);
 
   void StartControlServer();
-  Json::Value ServerState() const;
+  Json::Value ServerState() const { return ReadJson("desk/control-server/state.json"); }
 
   void Write(const std::string& file, const std::string& text) const;
   std::string Read(const std::string& file) const { return LoadText(Path(file)).value_or(""); }

@@ -152,11 +152,9 @@ class FaultLoopTest : public DeskTest, public testing::WithParamInterface<Row> {
     ++runs_;
     ASSERT_EQ(outcome.answers.size() + (outcome.thrown ? 1 : 0), 1u);
     EXPECT_TRUE(outcome.thrown || outcome.answers[0].success || outcome.answers[0].data.isNull());
-    unsigned compiled = 0;
-    for (const Json::Value& line : device->trace.Lines()) {
-      compiled += line["op"] == "regcomp" && line["result"] == 0 ? 1 : 0;
-    }
-    EXPECT_EQ(compiled, Count("regfree"));
+    const auto is_compiled = [](const Json::Value& line) { return line["op"] == "regcomp" && line["result"] == 0; };
+    const std::vector<Json::Value>& lines = device->trace.Lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), is_compiled), Count("regfree"));
     for (const auto& [file, text] : good_) EXPECT_TRUE(IsSound(file, text, outcome)) << file << ": " << Read(file);
   }
 
