@@ -28,11 +28,7 @@ TEST_F(Unloading, ModuleThatServedCallsIsUnmappedEveryTime) {
   const std::string copy = Path("copy.so");
   std::filesystem::copy_file(MODULE_FILE, copy);
   for (int cycle = 1; cycle <= 200; ++cycle) {
-    {
-      const Module module(copy);
-      const APIHandler status = module.Find("VEXA.Core.TunnelBridge/1/status");
-      ASSERT_EQ(Call(status, Json::Value(Json::objectValue), false).Problem(), "");
-    }
+    ASSERT_EQ(Call(Module(copy).Find(FullName("1/status")), Json::objectValue, false).Problem(), "");
     ASSERT_EQ(dlopen(copy.c_str(), RTLD_LAZY | RTLD_NOLOAD), nullptr) << "after " << cycle << " cycles";
   }
 }
