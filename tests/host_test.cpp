@@ -136,7 +136,7 @@ class Peer {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    EXPECT_EQ(connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   }
   void Send(const std::string& text) const { send(socket_, text.data(), text.size(), MSG_NOSIGNAL); }
   void SendLast(const std::string& text) const {

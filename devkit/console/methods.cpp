@@ -239,14 +239,10 @@ bool HasType(const Json::Value& value, const std::string& type) {
   return type == "integer" && value.isUInt64();
 }
 
-/// Holds parameters against the description.
-void CheckParams(const std::string& method, const Json::Value& params) {
-  const Json::Value* described = nullptr;
-  for (const Json::Value& candidate : Description()["x-desk-methods"]) {
-    if (candidate["name"] == method) described = &candidate;
-  }
+/// Holds parameters against those of a description.
+void CheckParams(const Json::Value& described, const Json::Value& params) {
   Json::Value::Members unknown = params.getMemberNames();
-  for (const Json::Value& param : (*described)["params"]) {
+  for (const Json::Value& param : described) {
     const std::string name = param["name"].asString();
     unknown.erase(std::remove(unknown.begin(), unknown.end(), name), unknown.end());
     const std::string type = param["schema"]["type"].asString();
@@ -261,7 +257,9 @@ void CheckParams(const std::string& method, const Json::Value& params) {
 bool IsDeskMethod(const std::string& name) { return Methods().count(name) != 0; }
 
 Json::Value CallDeskMethod(Device& device, const std::string& name, const Json::Value& params) {
-  CheckParams(name, params);
+  for (const Json::Value& method : Description()["x-desk-methods"]) {
+    if (method["name"] == name) CheckParams(method["params"], params);
+  }
   return Methods().at(name)(device, params);
 }
 

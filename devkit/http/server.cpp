@@ -432,10 +432,11 @@ class Server::Loop {
     connection.since = Clock::now();
     Response& answer = *connection.response;
     const std::string origin = connection.request.Header("origin");
-    if (Contains(origins, origin))
+    if (Contains(origins, origin)) {
       answer.headers.insert({{"Access-Control-Allow-Origin", origin},
                              {"Access-Control-Expose-Headers", "Desk-Call"},
                              {"Vary", "Origin"}});
+    }
     const std::unique_ptr<MHD_Response, decltype(&MHD_destroy_response)> response(
         answer.breaks_off
             ? MHD_create_response_from_callback(answer.body.size() + 1, 1024, &BreakOff, &answer.body, nullptr)
