@@ -2,6 +2,8 @@
 
 #include "utils.h"
 
+#include <set>
+
 #include "error_codes.h"
 #include "tests/desk_fixture.h"
 
@@ -23,6 +25,16 @@ TEST(ErrorCodes, StandForTheResultsOfTheLibrary) {
     EXPECT_EQ(MapRelayErrorCode(static_cast<RELAYD_RET>(result)), code_of(relay, result)) << result;
     EXPECT_EQ(MapAliasErrorCode(static_cast<ALIAS_RET>(result)), code_of(alias, result)) << result;
   }
+}
+
+TEST(ErrorCodes, AMapListsAResultOnceAndEndsWith255) {
+  const auto expect_map = [](const auto& map) {
+    std::set<int> listed;
+    for (const ErrorCodeRow& row : map) EXPECT_TRUE(listed.insert(row.result).second) << row.result;
+    EXPECT_EQ(std::end(map)[-1].result, 255);
+  };
+  expect_map(grgRelayErrorCodeMap);
+  expect_map(grgAliasErrorCodeMap);
 }
 
 TEST(Md5, DigestIsLowercaseHexAndTheRestZero) {

@@ -1,4 +1,4 @@
-// Stock JSON-RPC clients make the same calls to a served device.
+// Stock JSON-RPC clients, one of them over `fetch` with streamed bodies, make the same calls to a served device.
 // Usage: node stock.mjs URL TOKEN, with the packages beside this file.
 import assert from "node:assert";
 import jayson from "jayson/promise/index.js";
@@ -11,7 +11,8 @@ const headersOf = (admin) => ({ "Content-Type": "application/json", ...(admin &&
 
 const jsonRpc = (admin) => {
   const client = new JSONRPCClient(async (request) => {
-    const answer = await fetch(`${url}/rpc`, { method: "POST", headers: headersOf(admin), body: JSON.stringify(request) });
+    const body = new Blob([JSON.stringify(request)]).stream();
+    const answer = await fetch(`${url}/rpc`, { method: "POST", headers: headersOf(admin), body, duplex: "half" });
     if (answer.status !== 204) client.receive(await answer.json());
   });
   return client;
@@ -20,7 +21,7 @@ const jaysonClient = (admin) => jayson.Client.http({ hostname: "127.0.0.1", port
 
 // Each client: one request, a notification and a batch of [method, params] pairs, answered by response objects.
 const clients = {
-  "json-rpc-2.0": {
+  "json-rpc-2.0, streamed": {
     one: (admin, method, params) => jsonRpc(admin).requestAdvanced(createJSONRPCRequest(1, method, params)),
     notify: async (admin, method, params) => jsonRpc(admin).notify(method, params),
     batch: (admin, calls) => jsonRpc(admin).requestAdvanced(calls.map(([method, params], id) => createJSONRPCRequest(id, method, params))),
