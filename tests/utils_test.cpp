@@ -37,6 +37,11 @@ TEST(ErrorCodes, AMapListsAResultOnceAndEndsWith255) {
   expect_map(grgAliasErrorCodeMap);
 }
 
+TEST_F(UtilsTest, ADaemonThatIsOffIsNotStopped) {
+  EXPECT_EQ(NotifyVexarelayd(), 0);
+  EXPECT_EQ(Count("VLIBServiceStop"), 0u);
+}
+
 TEST(Md5, DigestIsLowercaseHexAndTheRestZero) {
   std::string buffer(70, 'x');
   EXPECT_EQ(GetMd5String("message digest", buffer.data(), 64), 0);
