@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
 
+#include <array>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -80,9 +81,9 @@ const Module& TheModule();
 std::string FullName(const std::string& method);
 APIHandler FindHandler(const std::string& method);
 
-/// The rows of a table in tests/data: one a line, columns apart by " | ", "-" where there is nothing;
-/// '#' starts a comment.
-using Row = std::vector<std::string>;
+/// The rows of a table in tests/data: one a line, columns apart by " | ", "-" where there is nothing, also in columns
+/// that a row or a table leaves out at the end; '#' starts a comment.
+using Row = std::array<std::string, 8>;
 std::vector<Row> ReadTable(const std::string& name);
 
 /// A test's name: the first column of its row.

@@ -78,8 +78,8 @@ namespace desk {
 namespace {
 
 /// What the failure of an operation, or of a method's, may lead to.
-std::map<std::string, Row> ReadMeanings() {
-  std::map<std::string, Row> meanings;
+std::map<std::string, std::vector<std::string>> ReadMeanings() {
+  std::map<std::string, std::vector<std::string>> meanings;
   for (const Row& row : ReadTable("meanings.txt")) {
     for (const std::string& operation : Split(row[2], " ")) meanings[operation] = Parts(row[1]);
   }
@@ -88,7 +88,7 @@ std::map<std::string, Row> ReadMeanings() {
 
 /// Whether the failure of a method's operation may lead to this outcome, as meanings.txt has it.
 bool MayLeadTo(const std::string& method, const std::string& operation, const std::string& outcome) {
-  static const std::map<std::string, Row> meanings = ReadMeanings();
+  static const std::map<std::string, std::vector<std::string>> meanings = ReadMeanings();
   for (const std::string& name : {method + ":" + operation, operation}) {
     const auto outcomes = meanings.find(name);
     if (outcomes == meanings.end()) continue;

@@ -1,86 +1,50 @@
-// The methods call by call, as the tables in tests/data have it.
+// The methods call by call, as tests/data/calls.txt has it.
 
 #include <fnmatch.h>
-
-#include <algorithm>
 
 #include "tests/desk_fixture.h"
 
 namespace desk {
 namespace {
 
-/// A call on a device whose daemon configuration holds an alias, an account and a control server.
-class TableTest : public DeskTest, public testing::WithParamInterface<Row> {
- protected:
-  TableTest() { Write(kConf, kReadyConf); }
-};
+/// A call's answer as a cell has it.
+std::string Told(const Outcome& outcome) {
+  if (outcome.thrown && outcome.answers.empty()) return "throws";
+  if (!outcome.Problem().empty()) return outcome.Problem();
+  const Answer& answer = outcome.answers.front();
+  if (answer.success) return ToLine(answer.data);
+  return std::to_string(answer.code) + (answer.data.isNull() ? "" : " with data");
+}
 
-/// Every way in which a method fails: its code, its log lines and what is left on the device.
-class FailureTest : public TableTest {};
+class CallTest : public DeskTest, public testing::WithParamInterface<Row> {};
 
-TEST_P(FailureTest, AnswersAndLogs) {
-  const bool may_change = GetParam()[5] == "changed";
-  if (may_change) StartControlServer();
-  Arrange(GetParam()[2]);
+TEST_P(CallTest, AnswersLogsAndAsks) {
+  const auto& [name, params, given, answer, log, files, asked, handed_over] = GetParam();
+  const std::string method = MethodOf(GetParam());
+  const bool reads = method.find("set") == std::string::npos;
+  StartControlServer();
+  Write(kConf, kReadyConf);
+  Arrange(given);
   const auto before = Snapshot();
 
-  const Outcome outcome = TryMethod(MethodOf(GetParam()), ParseJson(Params(GetParam()[1])));
+  EXPECT_EQ(Told(TryMethod(method, ParseJson(Params(params)), /*admin=*/!reads)), answer);
 
-  if (GetParam()[3] == "throws") {
-    EXPECT_TRUE(outcome.thrown && outcome.answers.empty());
-  } else {
-    ASSERT_EQ(outcome.Problem(), "");
-    const Answer& answer = outcome.answers.front();
-    EXPECT_EQ(answer.code, std::stoi(GetParam()[3]));
-    EXPECT_EQ(answer.success, answer.code == 0);
-    EXPECT_TRUE(answer.success || answer.data.isNull());
-  }
-  EXPECT_EQ(Logs(), Parts(GetParam()[4]));
+  EXPECT_EQ(Logs(), Parts(log));
   EXPECT_EQ(device->faults.Unmet(), std::vector<std::string>());
-  EXPECT_TRUE(may_change || Snapshot() == before);
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, FailureTest, testing::ValuesIn(ReadTable("failures.txt")), NameOfRow);
-
-/// What the reading methods give, to anybody.
-class PayloadTest : public TableTest {};
-
-TEST_P(PayloadTest, IsGivenToEverybody) {
-  StartControlServer();
-  Arrange(GetParam()[1]);
-  for (const bool admin : {false, true}) {
-    const Answer answer = CallMethod(MethodOf(GetParam()), "{}", admin);
-    EXPECT_TRUE(answer.success);
-    EXPECT_EQ(ToLine(answer.data), ToLine(ParseJson(GetParam()[2])));
-    EXPECT_EQ(Count("APIRequest::IsAdmin"), 0u);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, PayloadTest, testing::ValuesIn(ReadTable("payloads.txt")), NameOfRow);
-
-/// What a method asks of the device, in order, and what it hands over.
-class OrderTest : public TableTest {};
-
-TEST_P(OrderTest, OfOperations) {
-  const std::string& pattern = GetParam()[3];
-  StartControlServer();
-  Arrange(GetParam()[2]);
-  CallMethod(MethodOf(GetParam()), Params(GetParam()[1]));
-  std::string named = " " + pattern + " ";
-  std::replace(named.begin(), named.end(), '*', ' ');
+  EXPECT_EQ(files == "changed", Snapshot() != before);
+  EXPECT_EQ(Count("APIRequest::IsAdmin") == 0, reads);
   std::string operations;
-  Json::Value arguments(Json::arrayValue);
+  std::vector<std::string> handed;
   for (const Json::Value& line : device->trace.Lines()) {
     const std::string operation = line["op"].asString() + " ";
     if (operation != "syslog " && operation.rfind("API", 0) != 0) operations += operation;
-    if (named.find(" " + operation) != std::string::npos) arguments.append(line["args"]);
+    if (handed_over.find(operation) != std::string::npos) handed.push_back(operation + ToLine(line["args"]));
   }
-  EXPECT_EQ(fnmatch((pattern + " ").c_str(), operations.c_str(), 0), 0) << operations;
-  if (GetParam()[4] == "-") return;
-  EXPECT_EQ(ToLine(arguments), ToLine(ParseJson("[" + GetParam()[4] + "]")));
+  EXPECT_TRUE(asked == "-" || fnmatch((asked + " ").c_str(), operations.c_str(), 0) == 0) << operations;
+  EXPECT_EQ(handed, Parts(handed_over));
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, OrderTest, testing::ValuesIn(ReadTable("orders.txt")), NameOfRow);
+INSTANTIATE_TEST_SUITE_P(Each, CallTest, testing::ValuesIn(ReadTable("calls.txt")), NameOfRow);
 
 }  // namespace
 }  // namespace desk
