@@ -92,6 +92,14 @@ void DeskTest::Arrange(const std::string& given) {
   }
 }
 
+std::string Told(const Outcome& outcome) {
+  if (outcome.thrown && outcome.answers.empty()) return "throws";
+  if (!outcome.Problem().empty()) return outcome.Problem();
+  const Answer& answer = outcome.answers.front();
+  if (answer.success) return ToLine(answer.data);
+  return std::to_string(answer.code) + (answer.data.isNull() ? "" : " with data");
+}
+
 Finished RunHost(const std::string& words) {
   FILE* pipe = popen(("'" HOST_PROGRAM "' " + words).c_str(), "r");
   Finished finished{-1, ""};

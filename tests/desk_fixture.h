@@ -100,6 +100,9 @@ std::vector<std::string> Parts(const std::string& cell);
 /// The parameters that a table's cell stands for: on, off, alias, long (a list beyond a stream's buffer), or JSON.
 std::string Params(const std::string& cell);
 
+/// A call's answer as a table's cell has it.
+std::string Told(const Outcome& outcome);
+
 struct Finished {
   int code;
   std::string out;

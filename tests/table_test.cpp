@@ -7,15 +7,6 @@
 namespace desk {
 namespace {
 
-/// A call's answer as a cell has it.
-std::string Told(const Outcome& outcome) {
-  if (outcome.thrown && outcome.answers.empty()) return "throws";
-  if (!outcome.Problem().empty()) return outcome.Problem();
-  const Answer& answer = outcome.answers.front();
-  if (answer.success) return ToLine(answer.data);
-  return std::to_string(answer.code) + (answer.data.isNull() ? "" : " with data");
-}
-
 class CallTest : public DeskTest, public testing::WithParamInterface<Row> {};
 
 TEST_P(CallTest, AnswersLogsAndAsks) {
