@@ -13,7 +13,7 @@ help() { printf '%s\n' "$own_comment"; }
 
 # Ends the script for a mistake of its caller's, which the words name.
 usage() {
-  say "${*:-wrong arguments}"
+  say "${*:-the arguments are wrong: $given}"
   help >&2
   exit 2
 }
@@ -39,8 +39,9 @@ build() {
   cmake --build --preset "$1" >&2
 }
 
+given=$*
 own_comment=$(sed -n '2,${/^#/!q;s/^# \{0,1\}//p}' "$0")
 for argument in "$@"; do
   case $argument in -h | --help) help && exit ;; esac
 done
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+CDPATH='' cd "$(dirname "${BASH_SOURCE[0]}")/.."

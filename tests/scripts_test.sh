@@ -6,7 +6,8 @@ source=$1
 host=$2
 tools=$(mktemp -d)
 trap 'rm -rf "$tools"' EXIT
-ln -s "$(command -v bash)" "$(command -v sed)" "$(command -v basename)" "$(command -v dirname)" "$tools"
+ln -s "$(command -v bash)" "$(command -v sed)" "$(command -v basename)" "$(command -v dirname)" "$(command -v readlink)" \
+  "$tools"
 
 # Runs a script where there is no cmake, apt-get or dpkg-query, and wants this exit code and words on this descriptor.
 expect() {
@@ -25,10 +26,12 @@ for script in "$source"/script/* "$source/.ci/run"; do
   expect 0 1 "$script" --help
   expect 2 2 "$script" --no-such-argument
 done
-for wrong in --port --port=none --fault=nonsense --allow-origin=desk --module=/nowhere.so; do
+for wrong in --port --port=08 --trace= --root=twice --fault=nonsense --allow-origin=desk --module=/nowhere.so; do
   expect 2 2 "$source/script/server" --root folder "$wrong"
 done
 expect 2 2 "$source/script/bench" --profile 'no such row'
+expect 2 2 "$source/script/fuzz" ""
+expect 2 2 "$source/script/test" ""
 
 options() { grep -oE '^ +(-[a-z],)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -vx -- --help | sort; }
 diff --unified --label script/server --label "webapi-host serve" \
