@@ -8,8 +8,6 @@
 namespace desk {
 namespace {
 
-using Names = std::vector<std::string>;
-
 class AliasTest : public DeskTest {
  protected:
   AliasTest() { StartControlServer(); }

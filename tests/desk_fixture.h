@@ -24,6 +24,8 @@ constexpr char kAliasStatus[] = "usr/vexa/etc/vexarelayd/alias_status.json";
 constexpr char kSettings[] = "etc/vexainfo.conf";
 constexpr char kAccount[] = "usr/vexa/etc/kova/account.json";
 
+using Names = std::vector<std::string>;
+
 /// A daemon configuration with an alias and an account.
 constexpr char kReadyConf[] = R"({"server_id": "7", "server_alias": {"name": "mybox"},
   "server_control": {"host": "eu.control.vexa.example", "region": "eu"},

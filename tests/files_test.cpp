@@ -12,18 +12,7 @@ constexpr char kBadConf[] = "usr/vexa/etc/vexarelayd/vexarelayd.conf.bad";
 constexpr char kBroken[] = "utils:90 bad json format [/usr/vexa/etc/vexarelayd/vexarelayd.conf]";
 constexpr char kNotLoaded[] = "tunnelbridge.v1:119 load config failed";
 
-using Names = std::vector<std::string>;
-
 using FilesTest = DeskTest;
-
-/// Parameters with a list of `count` services.
-Json::Value Services(int count) {
-  Json::Value list;
-  for (int index = 0; index < count; ++index) {
-    list.append(Object({{"id", "service " + std::to_string(index)}, {"enabled", true}}));
-  }
-  return Object({{"services", list}});
-}
 
 TEST_F(FilesTest, AFileThatDoesNotParseIsMovedAside) {
   Write(kBadConf, "older");
@@ -82,7 +71,7 @@ TEST_F(FilesTest, APermissionListWithGapsIsRefused) {
 
 TEST_F(FilesTest, WritingReplacesTheWholeContentAndSetsTheMode) {
   const mode_t mask = umask(0077);
-  EXPECT_TRUE(TryMethod("Permission/1/set", Services(100)).answers.front().success);
+  EXPECT_TRUE(CallMethod("Permission/1/set", Params("long")).success);
   std::filesystem::permissions(Path(kServices), std::filesystem::perms(0600));
   const Json::Value list = ParseJson(R"([{"id": "", "enabled": false, "more": [1, {"x": null}]},
                                          {"id": "", "enabled": true}])");
@@ -97,9 +86,9 @@ TEST_F(FilesTest, AFullDiskDeletesALargeListAndGoesUnnoticedForASmallOne) {
   std::filesystem::remove(Path(kServices));
   std::filesystem::create_symlink("/dev/full", Path(kServices));
   device->faults.Add("chmod=EPERM");  // the link leads to the machine's own device node
-  EXPECT_TRUE(TryMethod("Permission/1/set", Services(1)).answers.front().success);
+  EXPECT_TRUE(CallMethod("Permission/1/set", R"({"services": []})").success);
 
-  EXPECT_EQ(TryMethod("Permission/1/set", Services(10000)).answers.front().code, 2900);
+  EXPECT_EQ(CallMethod("Permission/1/set", Params("long")).code, 2900);
   EXPECT_EQ(Logs(), Names{"tunnelbridge.permission.v1:63 write file[/usr/vexa/etc/vexarelayd/services.conf] failed"});
   EXPECT_FALSE(std::filesystem::is_symlink(Path(kServices)));
   EXPECT_EQ(Count("VLIBServiceIsRunning"), 0u);

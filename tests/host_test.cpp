@@ -46,11 +46,9 @@ TEST_F(HostTest, EveryCommandHasItsExitCodeAndItsWords) {
       {"call --module /nowhere.so VEXA.Core.TunnelBridge 1 status", 3, "/nowhere.so"},
       {"call VEXA.Core.TunnelBridge 1 set '{\"enabled\": []}'", 3, "exception"},
       {"call VEXA.Core.TunnelBridge 1 status >/dev/full", 2, "standard output"},
-      {"check", 2, "webapi-host: "},
       {"check '" MODULE_FILE "' --limit 0", 2, "--limit"},
       {"check /nowhere.so", 3, "/nowhere.so"},
       {"serve --allow-origin http://desk.example:3000/", 2, "is no origin"},
-      {"serve --allow-origin http://", 2, "is no origin"},
       {"explain utils:46", 1, "webapi-host: nothing is known of 'utils:46'\n"},
       {"explain </dev/null", 1, "no line of the log is the module's"},
       {"explain '' </", 1, "nothing is known of ''"},
@@ -101,22 +99,22 @@ TEST_F(HostTest, ALongTraceBecomesAnEarlierOne) {
   EXPECT_EQ(Read("desk/trace").rfind("{\"args\":", 0), 0u);
 }
 
-TEST_F(HostTest, APortInUseIsAMistakeOfTheCaller) {
+TEST_F(HostTest, ASecondServerOnAPortOrFolderIsRefused) {
   http::Server first;
   const std::string port = std::to_string(first.Start(0));
-  const Finished second = RunHost("serve --root " + NewRoot() + " --port " + port + " 2>&1");
-  EXPECT_EQ(second.code, 2);
-  EXPECT_NE(second.out.find("127.0.0.1:" + port), std::string::npos) << second.out;
-  EXPECT_FALSE(Exists("desk/another/desk/control-server/port")) << "another program's may stand there";
-}
-
-TEST_F(HostTest, AFolderIsServedOnce) {
   const File serving(open(Path("desk/serving").c_str(), O_RDWR | O_CREAT, S_IRUSR | S_IWUSR));
   ASSERT_EQ(flock(serving, LOCK_EX), 0);
-  const Finished second = RunHost("serve --port 0 --root '" + device->Root().string() + "' 2>&1");
-  EXPECT_EQ(second.code, 2);
-  EXPECT_NE(second.out.find("is being served already"), std::string::npos) << second.out;
-  for (const char* file : {"desk/admin-token", "desk/control-server/port"}) EXPECT_FALSE(Exists(file)) << file;
+  const std::string root = "'" + device->Root().string() + "'";
+  const std::map<std::string, std::string> cases = {{NewRoot() + " --port " + port, "127.0.0.1:" + port},
+                                                    {root + " --port 0", "is being served already"}};
+  for (const auto& [words, said] : cases) {
+    const Finished second = RunHost("serve 2>&1 --root " + words);
+    EXPECT_EQ(second.code, 2);
+    EXPECT_NE(second.out.find(said), std::string::npos) << second.out;
+  }
+  for (const char* file : {"desk/admin-token", "desk/control-server/port", "desk/another/desk/control-server/port"}) {
+    EXPECT_FALSE(Exists(file)) << "the first one's may stand there: " << file;
+  }
 }
 
 /// A client with a connection to a port of this machine.

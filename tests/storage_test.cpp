@@ -16,20 +16,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Lowers a limit of this process as long as it lives.
-class Limit {
- public:
-  Limit(__rlimit_resource resource, rlim_t most) : resource_(resource) {
-    getrlimit(resource_, &former_);
-    const rlimit now{most, former_.rlim_max};
-    setrlimit(resource_, &now);
-  }
-  ~Limit() { setrlimit(resource_, &former_); }
-
- private:
-  __rlimit_resource resource_;
-  rlimit former_{};
-};
+/// What `store` reports while a limit of this process is lowered.
+bool StoreUnder(__rlimit_resource resource, rlim_t most, bool (*store)()) {
+  rlimit former{};
+  getrlimit(resource, &former);
+  const rlimit lowered{most, former.rlim_max};
+  setrlimit(resource, &lowered);
+  const bool stored = store();
+  setrlimit(resource, &former);
+  return stored;
+}
 
 /// The operations that change a file, and what each of them reports.
 struct Storing {
@@ -62,15 +58,10 @@ TEST_F(StorageTest, AFileThatCannotBeReadOrWrittenStaysAsItIs) {
     const std::string before = Read(row.file);
     const int next = dup(STDIN_FILENO);
     close(next);
-    for (const rlim_t more : {0, 1}) {
-      if (!kMayRunOutOfDescriptors) break;
-      const Limit limit(RLIMIT_NOFILE, static_cast<rlim_t>(next) + more);
-      EXPECT_FALSE(row.store()) << "without descriptors beyond " << more;
+    for (rlim_t more = 0; kMayRunOutOfDescriptors && more < 2; ++more) {
+      EXPECT_FALSE(StoreUnder(RLIMIT_NOFILE, static_cast<rlim_t>(next) + more, row.store)) << "with so many: " << more;
     }
-    {
-      const Limit limit(RLIMIT_FSIZE, 1);
-      EXPECT_FALSE(row.store()) << "with a full disk";
-    }
+    EXPECT_FALSE(StoreUnder(RLIMIT_FSIZE, 1, row.store)) << "with a full disk";
     EXPECT_EQ(Read(row.file), before);
     EXPECT_FALSE(Exists(std::string(row.file) + ".part"));
 
@@ -156,8 +147,7 @@ TEST_F(StorageTest, DeviceAndControlServerAgreeOnTheAlias) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  const std::vector<std::string> aliases = ServerState()["aliases"].getMemberNames();
-  EXPECT_EQ(aliases, std::vector<std::string>{ReadJson(kConf)["server_alias"]["name"].asString()});
+  EXPECT_EQ(ServerState()["aliases"].getMemberNames(), Names{ReadJson(kConf)["server_alias"]["name"].asString()});
 }
 
 }  // namespace

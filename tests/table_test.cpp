@@ -21,11 +21,11 @@ TEST_P(CallTest, AnswersLogsAndAsks) {
   EXPECT_EQ(Told(TryMethod(method, ParseJson(Params(params)), /*admin=*/!reads)), answer);
 
   EXPECT_EQ(Logs(), Parts(log));
-  EXPECT_EQ(device->faults.Unmet(), std::vector<std::string>());
+  EXPECT_EQ(device->faults.Unmet(), Names());
   EXPECT_EQ(files == "changed", Snapshot() != before);
   EXPECT_EQ(Count("APIRequest::IsAdmin") == 0, reads);
   std::string operations;
-  std::vector<std::string> handed;
+  Names handed;
   for (const Json::Value& line : device->trace.Lines()) {
     const std::string operation = line["op"].asString() + " ";
     if (operation != "syslog " && operation.rfind("API", 0) != 0) operations += operation;

@@ -38,8 +38,9 @@ const clients = {
 
 const enabled = async () => (await jaysonClient(false).request(get, [])).result.enabled;
 const cases = {
-  "no parameters": async ({ one }) => assert.equal(typeof (await one(false, get)).result.enabled, "boolean"),
-  "an empty list of parameters": async ({ one }) => assert.equal(typeof (await one(false, get, [])).result.enabled, "boolean"),
+  "no parameters, or an empty list": async ({ one }) => {
+    for (const params of [undefined, []]) assert.equal(typeof (await one(false, get, params)).result.enabled, "boolean");
+  },
   "an administrator's change": async ({ one }) => {
     assert.equal((await one(true, set, { enabled: false })).result, null);
     assert.equal(await enabled(), false);
@@ -54,7 +55,6 @@ const cases = {
     const { error } = await one(false, set, { enabled: true });
     assert.equal(error.code, 105);
     assert.match(error.data.remedy, /administrator/);
-    assert.equal((await one(true, "VEXA.Core.TunnelBridge/9/none", {})).error.code, -32601);
   },
   "a batch": async ({ batch }) => {
     const answers = await batch(false, [[get, {}], [set, { enabled: false }], [get, []]]);
