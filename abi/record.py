@@ -2,8 +2,10 @@
 """Prints the binary interface of a module: what it exports, what it asks of others, and the layouts it relies on.
 
 Usage: record.py MODULE DEBUG_FILE [RECORD]
+       record.py --symbols MODULE RECORD
 DEBUG_FILE is what was stripped from MODULE, or MODULE again where it is not stripped.
-With RECORD, compares with that file instead: prints the differences and exits with 1 when there are any.
+With RECORD, compares with that file instead: prints the differences and exits with 1 when there are any. With --symbols
+only what every build of every architecture has: links, exports, and what is asked of the platform.
 """
 import difflib
 import re
@@ -17,6 +19,10 @@ CLASSES = {
     "VEXA::Relay::UpnpConf", "VEXA::Relay::RelaydConf", "VEXA::Relay::AliasStatus", "VEXA::Relay::AliasRequest",
     "VEXA::Relay::Request", "Json::Value",
 }
+
+
+# The C and C++ run-time and libcrypto version their symbols; jsoncpp's are those of its namespace.
+OF_EVERY_BUILD = re.compile(r"(?!size |offset |slot |imports (.*@|(vtable for )?Json::|_))")
 
 
 def run(*command):
@@ -58,21 +64,27 @@ def record(module, debug_file):
         links(module),
         symbols("exports", "--defined-only", module),
         symbols("imports", "--undefined-only", module),
-        layouts(debug_file),
+        layouts(debug_file) if debug_file else (),
     )
     return [line for part in parts for line in sorted(set(part))]
 
 
 def main(module, debug_file, expected=None):
+    if module == "--symbols":
+        module, debug_file = debug_file, None
     found = record(module, debug_file)
     if expected is None:
         return print("\n".join(found))
     with open(expected, encoding="utf-8") as file:
-        differences = list(difflib.unified_diff(file.read().splitlines(), found, expected, module, lineterm=""))
+        recorded = file.read().splitlines()
+    if not debug_file:
+        recorded, found = (sorted(filter(OF_EVERY_BUILD.match, lines)) for lines in (recorded, found))
+    differences = list(difflib.unified_diff(recorded, found, expected, module, lineterm=""))
     if differences:
         print(*differences, sep="\n")
+        intended = f"{sys.argv[0]} '{module}' '{debug_file}' >'{expected}'" if debug_file else "script/package says how"
         sys.exit(f"The module's binary interface differs from {expected}. Where that is meant, record the new one:\n"
-                 f"  {sys.argv[0]} '{module}' '{debug_file}' >'{expected}'")
+                 f"  {intended}")
 
 
 if __name__ == "__main__":

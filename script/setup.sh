@@ -4,7 +4,7 @@ set -euo pipefail
 desk_packages=(libjsoncpp-dev libssl-dev libcurl4-openssl-dev libmicrohttpd-dev libcli11-dev nlohmann-json3-dev)
 library_packages=("${desk_packages[@]}" libgtest-dev)
 tools=(g++ cmake ninja-build pkg-config)
-build_packages=("${tools[@]}" jq "${library_packages[@]}")
+build_packages=("${tools[@]}" jq python3 "${library_packages[@]}")
 
 say() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; }
 
