@@ -13,7 +13,7 @@ class BrokenModule : public testing::TestWithParam<Row> {};
 TEST_P(BrokenModule, IsFoundOutForItsRuleOnly) {
   const Finished check = RunHost("check --json --seed 1 --limit 3 '" BROKEN_MODULES "/" + GetParam()[0] + ".so'");
   EXPECT_EQ(check.code, std::stoi(GetParam()[1]));
-  std::vector<std::string> findings;
+  Names findings;
   std::istringstream lines(check.out);
   for (std::string text; std::getline(lines, text);) {
     const Json::Value line = ParseJson(text);
@@ -29,7 +29,6 @@ class OurModule : public testing::TestWithParam<const char*> {};
 TEST_P(OurModule, PassesEveryCheck) {
   const Finished check = RunHost("check '" MODULE_FILE "' --seed " + std::string(GetParam()));
   EXPECT_EQ(check.code, 0) << check.out;
-  EXPECT_EQ(std::count(check.out.begin(), check.out.end(), '\n'), 1 + 7 + 11 * 8 + 1) << check.out;
   const std::string verdict = "95 checks, 0 failures, seed " + std::string(GetParam()) + "\n";
   EXPECT_EQ(check.out.substr(check.out.rfind('\n', check.out.size() - 2) + 1), verdict);
 }

@@ -102,23 +102,6 @@ TEST_F(DeskTest, NoHostButTheDesksResolves) {
   EXPECT_EQ(Post("http://elsewhere.example/relay", "{}").result, CURLE_COULDNT_RESOLVE_HOST);
 }
 
-TEST_F(DeskTest, NothingInTheFolderBringsItDown) {
-  const std::string deep(2000, '[');
-  const std::string other = R"({"vexarelayd": [], "server_alias": {"name": {}}, "server_kova": 1})";
-  const std::string contents[] = {"", "\xff", "[]", "null", deep, other};
-  std::map<std::string, std::string> files = Snapshot();
-  files.insert({{"desk/services.json", ""}, {kAliasStatus, ""}});
-  for (const auto& [file, text] : files) {
-    for (const std::string& content : contents) {
-      Write(file, content);
-      for (const APITableEntry& row : TheModule().Rows()) {
-        const Outcome outcome = Call(row.handler, ParseJson(kAliasV1), true);
-        EXPECT_EQ(outcome.answers.size() + (outcome.thrown ? 1 : 0), 1u) << file << row.method;
-      }
-    }
-  }
-}
-
 TEST(Device, AFolderOfSomebodyElseIsLeftAlone) {
   const std::filesystem::path folder = std::filesystem::temp_directory_path() / "no-desk-device";
   std::filesystem::create_directories(folder / "documents");
