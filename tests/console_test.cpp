@@ -102,10 +102,8 @@ TEST_F(ConsoleTest, NothingOutsideTheDeviceIsReached) {
   }
   EXPECT_EQ(Read("etc/secret"), "inside");
   EXPECT_EQ(Read("desk/admin-token"), "secret");
-  for (const Json::Value& file : Ask("files")) {
-    EXPECT_NE(file["path"].asString().rfind("/etc/away", 0), 0u);
-    EXPECT_NE(file["path"], "/etc/link");
-  }
+  const std::string listed = ToLine(Ask("files"));
+  for (const char* link : {"/etc/away", "/etc/link"}) EXPECT_EQ(listed.find(link), std::string::npos) << listed;
   StartControlServer();
   fs::rename(Path("desk/control-server"), Path("etc/outside"));
   fs::create_directory_symlink(Path("etc/outside"), Path("desk/control-server"));

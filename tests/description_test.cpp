@@ -13,8 +13,7 @@ namespace {
 using DescriptionTest = DeskTest;
 class ExampleTest : public DeskTest, public testing::WithParamInterface<Json::ArrayIndex> {};
 
-/// On a new device each method's example comes to its result, for an ordinary user to 105 if it changes anything;
-/// without a required parameter it comes to 2901.
+/// On a new device each method's example comes to its result, and to 2901 without a required parameter.
 TEST_P(ExampleTest, ComesToItsResult) {
   const Json::Value& method = Description()["methods"][GetParam()];
   const Json::Value& example = method["examples"][0];
@@ -22,10 +21,6 @@ TEST_P(ExampleTest, ComesToItsResult) {
   Json::Value params(Json::objectValue);
   for (const Json::Value& parameter : example["params"]) params[parameter["name"].asString()] = parameter["value"];
   StartControlServer();
-  const bool changes = name.find("set") != std::string::npos;
-  const auto before = Snapshot();
-  EXPECT_EQ(CallMethod(name, ToLine(params), false).code, changes ? 105 : 0);
-  EXPECT_TRUE(!changes || (Logs().empty() && Snapshot() == before));
   const Answer answer = CallMethod(name, ToLine(params));
   EXPECT_TRUE(answer.success);
   EXPECT_EQ(answer.data, example["result"]["value"]);

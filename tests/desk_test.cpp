@@ -29,10 +29,7 @@ TEST_F(DeskTest, FaultsAreMetByTheCallsTheyNameFromTheirAdditionToTheirRemoval) 
 }
 
 TEST_F(DeskTest, AFaultThatCannotBeIsRefused) {
-  const struct {
-    const char* fault;
-    const char* reason;
-  } cases[] = {
+  const std::map<std::string, std::string> cases = {
       {"=1", "is no fault"},
       {"VLIBServiceStrat=1", "there are APIRequest::GetParam, "},
       {"syslog=fail", "there is no operation 'syslog'"},
@@ -44,12 +41,12 @@ TEST_F(DeskTest, AFaultThatCannotBeIsRefused) {
       {"VLIBServiceStart=1@0", "counted from 1"},
       {"VLIBServiceStart=1@99999999999", "type integer"},
   };
-  for (const auto& row : cases) {
+  for (const auto& [fault, reason] : cases) {
     try {
-      device->faults.Add(row.fault);
-      ADD_FAILURE() << row.fault;
+      device->faults.Add(fault);
+      ADD_FAILURE() << fault;
     } catch (const std::invalid_argument& problem) {
-      EXPECT_NE(std::string(problem.what()).find(row.reason), std::string::npos) << problem.what();
+      EXPECT_NE(std::string(problem.what()).find(reason), std::string::npos) << problem.what();
     }
   }
 }

@@ -230,10 +230,7 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
   const std::string no_json = error("-32700", "null");
   std::string hundred = "[" + call;
   for (int count = 1; count < 100; ++count) hundred += "," + call;
-  const struct {
-    std::string request;
-    std::string answer;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {call, R"({"id":1,~)"},
       {R"({"jsonrpc": "2.0", "id": 3, $, "params": []})", R"({"id":3,~)"},
       {R"({"jsonrpc": "2.0", "id": 0.1, $})", R"({"id":0.1,~)"},
@@ -274,13 +271,13 @@ TEST_F(RpcTest, TheProtocolIsKeptWhole) {
     for (size_t at = 0; (at = text.find(mark, at)) != std::string::npos; at += value.size()) text.replace(at, 1, value);
     return text;
   };
-  for (const auto& row : cases) {
-    const std::string answer = Send(fill(row.request, '$', status));
+  for (const auto& [request, expected] : cases) {
+    const std::string answer = Send(fill(request, '$', status));
     const std::string body = BodyOf(answer);
     if (body.rfind("{\"error\"", 0) == 0) CheckError(ParseJson(body)["error"]);
-    const std::string pattern = row.answer.empty() ? "" : fill(row.answer, '~', result) + "\n";
-    EXPECT_EQ(fnmatch(pattern.c_str(), body.c_str(), FNM_NOESCAPE), 0) << row.request.substr(0, 200) << '\n' << body;
-    EXPECT_EQ(answer.substr(0, 12), row.answer.empty() ? "HTTP/1.1 204" : "HTTP/1.1 200") << row.request.substr(0, 200);
+    const std::string pattern = expected.empty() ? "" : fill(expected, '~', result) + "\n";
+    EXPECT_EQ(fnmatch(pattern.c_str(), body.c_str(), FNM_NOESCAPE), 0) << request.substr(0, 200) << '\n' << body;
+    EXPECT_EQ(answer.substr(0, 12), expected.empty() ? "HTTP/1.1 204" : "HTTP/1.1 200") << request.substr(0, 200);
   }
 }
 
@@ -318,10 +315,7 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
   const std::string chunks = "48\r\n" + std::string(kStatus) + "\r\n0\r\n\r\n";
   const std::string megabyte(1 << 20, ' ');
   const std::string coded = head + "Transfer-Encoding: chunked\r\nX-No-Content-Length: 1\r\n";
-  const struct {
-    std::string request;
-    int status;
-  } cases[] = {
+  const std::pair<std::string, int> cases[] = {
       {Post(coded, chunks), 200},
       {Post("hOST: LocalHost:1\r\nConnection: close\r\ncontent-TYPE: Application/JSON; charset=utf-8\r\n"), 200},
       {"GET http://localhost/openrpc.json HTTP/1.1\r\n" + local + "\r\n", 200},
@@ -353,10 +347,10 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(head + "X: " + megabyte + "\r\n"), 431},
       {Post(head + "Transfer-Encoding: gzip, chunked\r\nX-No-Content-Length: 1\r\n", chunks), 501},
   };
-  for (const auto& row : cases) {
-    const std::string answer = Exchange(port_, row.request);
-    EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 " + std::to_string(row.status)) << row.request.substr(0, 300);
-    EXPECT_EQ(row.status == 405, answer.find("Allow: POST\r\n") != std::string::npos) << answer;
+  for (const auto& [request, status] : cases) {
+    const std::string answer = Exchange(port_, request);
+    EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 " + std::to_string(status)) << request.substr(0, 300);
+    EXPECT_EQ(status == 405, answer.find("Allow: POST\r\n") != std::string::npos) << answer;
   }
 }
 
