@@ -13,7 +13,6 @@ namespace desk {
 namespace {
 
 constexpr size_t kMostFaults = 1000;
-constexpr size_t kMostMet = 1000;
 constexpr size_t kMostBytes = 64 << 10;
 
 /// Takes "@N" or "@N+" off the end of `text` into the first and the last call that a fault is for.
@@ -66,7 +65,6 @@ bool Faults::Remove(unsigned id) {
 void Faults::Clear() {
   const std::lock_guard lock(mutex_);
   faults_.clear();
-  met_.clear();
 }
 
 std::optional<Faults::Injection> Faults::Take(const std::string& operation) {
@@ -80,13 +78,7 @@ std::optional<Faults::Injection> Faults::Take(const std::string& operation) {
   }
   if (taken == nullptr) return std::nullopt;
   ++taken->met;
-  if (met_.size() < kMostMet) met_.push_back(operation);
   return Injection{taken->result, taken->text};
-}
-
-std::vector<std::string> Faults::Met() const {
-  const std::lock_guard lock(mutex_);
-  return met_;
 }
 
 Json::Value Faults::List() const {

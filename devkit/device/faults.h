@@ -35,9 +35,6 @@ class Faults {
   /// Counts one call of `operation` and gives what the first matching fault has for it.
   std::optional<Injection> Take(const std::string& operation);
 
-  /// Names of the first thousand operations that met a fault, in order.
-  std::vector<std::string> Met() const;
-
   /// The faults in order, as an array of objects: "id", "fault" as it was written, "met", the number of calls.
   Json::Value List() const;
 
@@ -61,7 +58,6 @@ class Faults {
   mutable std::mutex mutex_;
   std::vector<Fault> faults_;
   unsigned last_id_ = 0;
-  std::vector<std::string> met_;
 };
 
 /// The operation and the results of faults written as `*`, `throw` and `fail`.

@@ -59,8 +59,8 @@ class Operation {
   /// Names an output: a fault can replace it, and the trace shows it as it stands in the end.
   template <typename Value>
   Operation& Output(const char* name, Value& value) {
-    outputs_.push_back(
-        {name, [&value] { return ToJson(value); }, [&value](const Json::Value& fault) { value = As<Value>(fault); }});
+    outputs_.push_back({name, [&value] { return Json::Value(value); },
+                        [&value](const Json::Value& fault) { value = As<Value>(fault); }});
     return *this;
   }
 
@@ -110,18 +110,9 @@ class Operation {
     }
   }
 
-  template <typename Value>
-  static Json::Value ToJson(const Value& value) {
-    if constexpr (std::is_enum_v<Value>) {
-      return static_cast<int>(value);
-    } else {
-      return value;
-    }
-  }
-
   template <typename Result>
   Result Keep(Result result) {
-    if (line_) result_ = ToJson(result);
+    if (line_) result_.emplace(result);
     return result;
   }
 
