@@ -83,7 +83,7 @@ TEST_F(HostTest, ATraceIsShownToPeopleAndToViewers) {
   Write("desk/trace", "oops\n");
   const Finished none = RunHost("trace - 2>&1 <" + file);
   EXPECT_EQ(none.code, 1);
-  EXPECT_EQ(none.out, "webapi-host: line 1 is no line of a trace and is left out\n");
+  EXPECT_EQ(none.out, "webapi-host: line 1 is no line of a trace and is left out\nwebapi-host: '-' holds no trace\n");
 }
 
 TEST_F(HostTest, ALongTraceBecomesAnEarlierOne) {
@@ -328,7 +328,7 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(head + "Content-Length : 72\r\n"), 400},
       {Post(head + "Content-Length: 7f\r\n"), 400},
       {Post(coded, "5;" + megabyte), 400},
-      {Post("Connection: close\r\n" + json), 400},
+      {Post("Connection: close\r\n" + json), 403},
       {Post("Host: desk.example\r\nConnection: close\r\n" + json), 403},
       {Post("Host: localhost:evil\r\nConnection: close\r\n" + json), 403},
       {Post(head + "Origin: http://localhost:1\r\n"), 403},

@@ -213,8 +213,8 @@ class Server::Loop {
     daemon_ = MHD_start_daemon(MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr, nullptr, &OnRequest, this,
                                MHD_OPTION_SOCK_ADDR, &address, MHD_OPTION_CONNECTION_LIMIT,
                                unsigned{kMostConnections} + kSpareConnections, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-                               4 * kMostHeadBytes, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_NOTIFY_COMPLETED,
-                               &OnCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &OnConnection, this, MHD_OPTION_END);
+                               4 * kMostHeadBytes, MHD_OPTION_NOTIFY_COMPLETED, &OnCompleted, this,
+                               MHD_OPTION_NOTIFY_CONNECTION, &OnConnection, this, MHD_OPTION_END);
     if (daemon_ == nullptr) {
       throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(port) +
                                "; is the port in use? Choose another with --port");
@@ -390,14 +390,15 @@ class Server::Loop {
     return bytes > kSmallBytes ? bytes : 0;
   }
 
-  /// Answers requests, the first that memory suffices for first, until the server has ended.
+  /// Answers requests in order, until the server has ended. Only small ones pass one that has to wait for memory.
   void Work() {
-    const auto fits = [this](const Connection* waiting) {
-      const size_t bytes = BytesAtWork(*waiting);
-      return bytes == 0 || bytes_at_work_ + bytes <= kMostBytesAtWork;
-    };
     std::unique_lock lock(mutex_);
     while (!ended_) {
+      const auto fits = [this, waits = false](const Connection* waiting) mutable {
+        const size_t bytes = BytesAtWork(*waiting);
+        waits = waits || bytes_at_work_ + bytes > kMostBytesAtWork;
+        return bytes == 0 || !waits;
+      };
       const auto next = std::find_if(queue_.begin(), queue_.end(), fits);
       if (next == queue_.end()) {
         ++idle_workers_;
