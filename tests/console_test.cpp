@@ -79,7 +79,9 @@ TEST_F(ConsoleTest, AFileIsWrittenReadAndMadeNewAgain) {
   const Json::Value text = "{\"enabled\": 1, \"x\": \"\u00e4\\u0000\"}";
   EXPECT_EQ(Ask("write_file", Object({{"path", upnp["path"]}, {"text", text}})), true);
   EXPECT_EQ(Ask("read_file", upnp)["text"], text);
+  fs::remove(Path(kAuth));
   EXPECT_EQ(Ask("reset_file", upnp), true);
+  EXPECT_FALSE(Exists(kAuth)) << "nobody asked for it";
   EXPECT_EQ(Ask("read_file", upnp), fresh);
   EXPECT_TRUE(Refuses("write_file", Object({{"path", "/etc/other"}, {"text", std::string(600000, 'a')}})));
   const auto files = Ask("files").size();
@@ -119,7 +121,7 @@ TEST_F(ConsoleTest, NothingOutsideTheDeviceIsReached) {
 }
 
 TEST_F(ConsoleTest, StartsAfresh) {
-  EXPECT_EQ(Ask("control_state"), Json::Value(Json::objectValue)) << "another program";
+  EXPECT_EQ(Ask("control_state"), Json::Value(Json::objectValue)) << "there is none";
   StartControlServer();
   Ask("set_control_script", ParseJson(R"({"script": [{"error": 102}]})"));
   EXPECT_EQ(Ask("control_script")[0]["error"], 102);

@@ -48,8 +48,9 @@ fs::path Place(const Device& device, const std::string& path) {
 
 std::vector<std::string> ListPaths(const Device& device) {
   std::vector<std::string> paths;
-  for (const auto& entry : fs::recursive_directory_iterator(device.Root())) {
-    if (!entry.is_regular_file() || entry.is_symlink()) continue;
+  const auto options = fs::directory_options::skip_permission_denied;
+  for (const auto& entry : fs::recursive_directory_iterator(device.Root(), options)) {
+    if (entry.symlink_status().type() != fs::file_type::regular) continue;
     const std::string path = "/" + entry.path().lexically_relative(device.Root()).string();
     if (!IsServers(path)) paths.push_back(path);
   }
@@ -69,10 +70,6 @@ Json::Value GetTrace(Device& device, const Json::Value& params) {
   return device.trace.Recent(params.get("after", 0).asUInt64(), limit);
 }
 
-Json::Value GetOperations(Device&, const Json::Value&) { return ListOperations(); }
-
-Json::Value GetFaults(Device& device, const Json::Value&) { return device.faults.List(); }
-
 Json::Value AddFault(Device& device, const Json::Value& params) {
   try {
     return Object({{"id", device.faults.Add(params["fault"].asString())}});
@@ -84,11 +81,6 @@ Json::Value AddFault(Device& device, const Json::Value& params) {
 Json::Value RemoveFault(Device& device, const Json::Value& params) {
   if (!params["id"].isUInt() || !device.faults.Remove(params["id"].asUInt()))
     throw ParamsError("there is no fault of this id");
-  return true;
-}
-
-Json::Value ClearFaults(Device& device, const Json::Value&) {
-  device.faults.Clear();
   return true;
 }
 
@@ -115,7 +107,7 @@ Json::Value ReadFile(Device& device, const Json::Value& params) {
   return Object({{"text", *text}});
 }
 
-/// Whether the control server is this device's own and not another program.
+/// Whether there is a control server in the device's folder.
 bool HasControlServer(const Device& device) {
   return fs::is_directory(fs::symlink_status(device.Locate(kControlFolder)));
 }
@@ -145,16 +137,17 @@ void RemoveFile(const fs::path& file) {
   if (error) throw FileError("cannot remove '" + file.string() + "': " + error.message());
 }
 
-/// Hold the device.
-void FillNew(const Device& device) {
-  FillNewDevice(device.Root());
-  if (HasControlServer(device)) ControlServer::FillNew(device.Locate(kControlFolder));
+/// Makes what is missing of the device, or `only` one file. Hold the device.
+void FillNew(const Device& device, const std::string& only = "") {
+  FillNewDevice(device.Root(), only);
+  const bool is_meant = only.empty() || only == std::string(kControlFolder) + "/state.json";
+  if (is_meant && HasControlServer(device)) ControlServer::FillNew(device.Locate(kControlFolder));
 }
 
 Json::Value ResetFile(Device& device, const Json::Value& params) {
   const DeviceLock lock(device);
   RemoveFile(Place(device, params["path"].asString()));
-  FillNew(device);
+  FillNew(device, params["path"].asString());
   return true;
 }
 
@@ -185,7 +178,7 @@ Json::Value SetService(Device& device, const Json::Value& params) {
   return true;
 }
 
-/// What a file of the control server holds; `otherwise` where the server is another program, or the file is missing or
+/// What a file of the control server holds; `otherwise` where there is none in the folder, or the file is missing or
 /// broken.
 Json::Value ReadControl(const Device& device, const char* file, const Json::Value& otherwise) {
   if (!HasControlServer(device)) return otherwise;
@@ -213,12 +206,13 @@ Json::Value SetControlScript(Device& device, const Json::Value& params) {
 const std::map<std::string, Method>& Methods() {
   static const std::map<std::string, Method> methods = {
       {"desk.add_fault", AddFault},
-      {"desk.clear_faults", ClearFaults},
+      {"desk.clear_faults",
+       [](Device& device, const Json::Value&) { return device.faults.Clear(), Json::Value(true); }},
       {"desk.control_script", GetControlScript},
       {"desk.control_state", GetControlState},
-      {"desk.faults", GetFaults},
+      {"desk.faults", [](Device& device, const Json::Value&) { return device.faults.List(); }},
       {"desk.files", GetFiles},
-      {"desk.operations", GetOperations},
+      {"desk.operations", [](Device&, const Json::Value&) { return ListOperations(); }},
       {"desk.read_file", ReadFile},
       {"desk.remove_fault", RemoveFault},
       {"desk.reset", Reset},

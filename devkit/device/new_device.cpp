@@ -60,18 +60,21 @@ std::string RandomHex(unsigned bytes) {
   return text;
 }
 
-void FillNewDevice(const fs::path& root) {
+void FillNewDevice(const fs::path& root, const std::string& only) {
   fs::create_directories(root / "desk");
-  const auto store = [&root](const std::string& path, const std::string& text) {
+  const auto store = [&](const std::string& path, const std::string& text) {
     const fs::path file = root / path;
     const fs::path folder = file.parent_path();
+    if (!only.empty() && only != "/" + path) return false;
     if (fs::weakly_canonical(folder) != folder) throw std::runtime_error("'" + folder.string() + "' is a link");
     fs::create_directories(folder);
-    if (!fs::exists(file) && !StoreText(file, text)) throw std::runtime_error("cannot write '" + file.string() + "'");
+    if (fs::exists(file)) return false;
+    if (!StoreText(file, text)) throw std::runtime_error("cannot write '" + file.string() + "'");
+    return true;
   };
   store("etc/vexainfo.conf", kSettings);
-  store("usr/vexa/bin/vexakova", kAccountTool);
-  fs::permissions(root / "usr/vexa/bin/vexakova", fs::perms(0755));
+  const std::string tool = "usr/vexa/bin/vexakova";
+  if (store(tool, kAccountTool)) fs::permissions(root / tool, fs::perms(0755));
   Json::Value documents = ParseJson(kDocuments);
   Json::Value& identity = documents["usr/vexa/etc/vexarelayd/auth.conf"];
   identity["device"] = "desk-" + RandomHex(4);
