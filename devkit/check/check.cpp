@@ -36,7 +36,7 @@ constexpr int kNotAdministrator = 105;
 constexpr auto kPoll = std::chrono::milliseconds(1);
 constexpr unsigned kThreadPolls = 100;
 constexpr unsigned kMostLeftovers = 10000;
-constexpr int kFirstNumber = 500;
+constexpr int kFirstNumber = 200;
 
 /// Lies in memory that a child process shares with its parent, so that nothing is lost however the child ends.
 struct Report {
@@ -56,11 +56,11 @@ struct Report {
 
   void Print(const std::string& check, bool holds, const std::string& detail) {
     broken = broken || !holds;
-    ++checks;
-    failures += holds ? 0 : 1;
     const Json::Value line = Object({{"subject", subject}, {"check", check}, {"ok", holds}, {"detail", detail}});
     const std::string words = (holds ? "ok    " : "FAIL  ") + std::string(subject) + "  " + check;
     Write(json ? ToLine(line) : detail.empty() ? words : words + ": " + detail);
+    ++checks;
+    failures += holds ? 0 : 1;
   }
 
   void Write(const std::string& words) const {
@@ -276,7 +276,6 @@ std::string Await(pid_t child, const Report& report, std::chrono::seconds limit)
     if (Clock::now() - since < limit && end_signal == 0) continue;
     kill(child, SIGKILL);
     waitpid(child, &status, 0);
-    if (end_signal != 0) throw std::runtime_error(std::string("ended by: ") + strsignal(end_signal));
     return "no return within " + std::to_string(limit.count()) + " s";
   }
   if (WIFSIGNALED(status)) return std::string("the process died of: ") + strsignal(WTERMSIG(status));
@@ -326,10 +325,11 @@ void RunChild(const CheckOptions& options, Report& report, const std::function<v
     _exit(0);
   }
   const std::string ending = Await(child, report, std::chrono::seconds(options.limit_seconds)) + ", in " + report.step;
+  const bool left = EndLeftovers();
+  if (end_signal != 0) throw std::runtime_error(std::string("ended by: ") + strsignal(end_signal));
   const std::string problem = report.finished ? "" : report.error[0] != '\0' ? report.error : ending;
   if (!report.loaded) throw ModuleError(problem);
   report.Print("returns", report.finished, problem);
-  const bool left = EndLeftovers();
   report.Print("processes", !left, left ? "a process was left behind, and ended" : "");
 }
 
