@@ -21,7 +21,7 @@ constexpr size_t kMostKey = 64;
 constexpr size_t kMostAlias = 63;
 constexpr size_t kMostAccount = 254;
 constexpr unsigned kMostBytes = 4 << 20;
-constexpr auto kMostDelay = std::chrono::seconds(30);
+constexpr Json::UInt64 kMostDelayMilliseconds = 30000;
 
 /// Knows two cloud accounts: that of a new device, and "guest-password".
 constexpr char kNewState[] = R"({
@@ -113,7 +113,8 @@ Json::Value SetAlias(Json::Value& state, const Json::Value& request) {
   const std::string device = Text(request["auth"], "device");
   std::string account;
   int error = Identify(state, request["auth"]);
-  if (error == 0 && Text(state["devices"][device], "server_id") != Text(request, "server_id")) {
+  const std::string server_id = Text(state["devices"][device], "server_id");
+  if (error == 0 && (server_id.empty() || server_id != Text(request, "server_id"))) {
     error = relay::RELAYSERVER_UNKNOWN_DEVICE;
   }
   if (error == 0) error = FindAccount(state, request, account);
@@ -188,8 +189,9 @@ http::Response ControlServer::Serve(const std::string& text) {
     if (step["error"] == static_cast<int>(relay::RELAYSERVER_KEY_EXPIRED)) Expire(Text(body["auth"], "api_key"));
     if (step.isObject() && !OnlyDelays(step)) return Misbehave(step);
     return {200, ToLine(Execute(body))};
-  } catch (const std::exception&) {
+  } catch (const std::exception& problem) {
     // A file that cannot be read, or a state that a person edited into another shape.
+    std::cerr << "webapi-host: " << problem.what() << '\n';
     return {200, ToLine(Error(relay::RELAYSERVER_INTERNAL))};
   }
 }
@@ -218,10 +220,9 @@ Json::Value ControlServer::TakeStep(const std::string& command) {
 }
 
 void ControlServer::Delay(const Json::Value& step) {
-  if (!step["delay_ms"].isUInt()) return;
+  if (!step["delay_ms"].isUInt64()) return;
   std::unique_lock lock(mutex_);
-  const auto delay =
-      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(step["delay_ms"].asUInt()), kMostDelay);
+  const auto delay = std::chrono::milliseconds(std::min(step["delay_ms"].asUInt64(), kMostDelayMilliseconds));
   end_.wait_for(lock, delay, [this] { return ending_; });
 }
 

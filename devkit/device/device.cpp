@@ -1,6 +1,6 @@
 #include "devkit/device/device.h"
 
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -34,7 +34,7 @@ fs::path PrepareRoot(const fs::path& root) {
 }
 
 void AddStoredFaults(Faults& faults, const fs::path& file) {
-  std::ifstream lines(file);
+  std::istringstream lines(LoadText(file).value_or(""));
   for (std::string line; std::getline(lines, line);) {
     if (line.empty() || line.front() == '#') continue;
     try {
@@ -48,7 +48,7 @@ void AddStoredFaults(Faults& faults, const fs::path& file) {
 }  // namespace
 
 Device::Device(const fs::path& root, Clock clock) : root_(PrepareRoot(root)), clock_(clock) {
-  if (fs::is_regular_file(root_ / "desk/faults")) AddStoredFaults(faults, root_ / "desk/faults");
+  AddStoredFaults(faults, root_ / "desk/faults");
   Device* none = nullptr;
   if (!current.compare_exchange_strong(none, this)) throw std::logic_error("this process already has a desk device");
 }

@@ -21,7 +21,7 @@ namespace {
 constexpr size_t kMostBytes = 16 << 20;
 constexpr char kPart[] = ".part";
 constexpr auto kLockPoll = std::chrono::microseconds(100);
-constexpr int kMostLockPolls = 100000;
+constexpr auto kLockPatience = std::chrono::seconds(10);
 
 FileError CannotRead(const fs::path& file, const char* reason) {
   return FileError("cannot read '" + file.string() + "': " + reason);
@@ -31,12 +31,7 @@ bool WritePart(const fs::path& part, mode_t mode, const std::string& text) {
   unlink(part.c_str());
   const File file(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (file < 0 || fchmod(file, mode) != 0) return false;
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t size = write(file, text.data() + done, text.size() - done);
-    if (size <= 0) return false;
-    done += static_cast<size_t>(size);
-  }
-  return true;
+  return write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 }  // namespace
@@ -47,9 +42,10 @@ File::~File() {
 
 FolderLock::FolderLock(const fs::path& folder) : folder_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (folder_ < 0) throw CannotRead(folder, std::strerror(errno));
-  for (int polls = 0; flock(folder_, LOCK_EX | LOCK_NB) != 0; ++polls) {
-    if (polls == kMostLockPolls) throw FileError("another program does not let go of '" + folder.string() + "'");
-    std::this_thread::sleep_for(kLockPoll);
+  const auto end = std::chrono::steady_clock::now() + kLockPatience;
+  for (; flock(folder_, LOCK_EX | LOCK_NB) != 0; std::this_thread::sleep_for(kLockPoll)) {
+    if (std::chrono::steady_clock::now() < end) continue;
+    throw FileError("another program does not let go of '" + folder.string() + "'");
   }
 }
 
@@ -62,14 +58,9 @@ std::optional<std::string> LoadText(const fs::path& path) {
   if (!S_ISREG(status.st_mode)) throw CannotRead(path, "it is no regular file");
   if (static_cast<size_t>(status.st_size) > kMostBytes) throw CannotRead(path, "it is larger than 16 MiB");
   std::string text(static_cast<size_t>(status.st_size), '\0');
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t size = read(file, &text[done], text.size() - done);
-    if (size < 0) throw CannotRead(path, std::strerror(errno));
-    if (size == 0) break;
-    done += static_cast<size_t>(size);
-  }
-  text.resize(done);
+  const ssize_t size = read(file, text.data(), text.size());
+  if (size < 0) throw CannotRead(path, std::strerror(errno));
+  text.resize(static_cast<size_t>(size));
   return text;
 }
 

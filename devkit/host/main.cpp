@@ -55,11 +55,6 @@ struct Options {
   bool json = false;
 };
 
-/// A mistake of the person who started the program.
-class UsageError : public std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 /// The device, its control server unless another is named, and its trace.
 struct Desk {
   explicit Desk(const Options& options) : device(options.root), trace(device, options.trace) {
@@ -75,13 +70,14 @@ struct Desk {
   std::optional<desk::ControlServer> control_server;
 };
 
-/// Threads that start from now on leave the signals that end the program to `WaitForEnd`.
+/// Threads that start from now on leave the signals that end a server to `WaitForEnd`.
 sigset_t BlockEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);  // the trace's reader may leave
   return signals;
 }
 
@@ -99,7 +95,8 @@ int WaitForEnd(const sigset_t& signals) {
 int List(const Options& options) {
   const desk::Module module(options.module);
   for (const APITableEntry& row : module.Rows()) {
-    const Json::Value line = desk::Object({{"api", row.api}, {"version", row.version}, {"method", row.method}});
+    const char* method = row.method == nullptr ? "" : row.method;
+    const Json::Value line = desk::Object({{"api", row.api}, {"version", row.version}, {"method", method}});
     std::cout << desk::ToLine(line) << '\n';
   }
   return kDone;
@@ -108,8 +105,8 @@ int List(const Options& options) {
 Json::Value ParseParams(const std::string& text) {
   std::string problem;
   const auto params = desk::TryParseJson(text, &problem);
-  if (!params) throw UsageError("the parameters are no JSON: " + problem);
-  if (!params->isObject()) throw UsageError("the parameters are no JSON object");
+  if (!params) throw std::runtime_error("the parameters are no JSON: " + problem);
+  if (!params->isObject()) throw std::runtime_error("the parameters are no JSON object");
   return *params;
 }
 
@@ -118,7 +115,7 @@ int Call(const Options& options) {
   const desk::Module module(options.module);
   const std::string name = options.api + '/' + std::to_string(options.version) + '/' + options.method;
   const APIHandler handler = module.Find(name);
-  if (handler == nullptr) throw UsageError("the module has no such method; `webapi-host list` shows all");
+  if (handler == nullptr) throw std::runtime_error("the module has no such method; `webapi-host list` shows all");
 
   Desk desk(options);
   const desk::Outcome outcome = desk::Call(handler, params, options.caller == "admin", name);
@@ -141,14 +138,15 @@ int Call(const Options& options) {
 
 void Store(const fs::path& file, const std::string& text) {
   const desk::FolderLock lock(desk::Device::Get().Root());
-  if (!desk::StoreText(file, text + "\n")) throw UsageError("cannot write '" + file.string() + "'");
+  if (!desk::StoreText(file, text + "\n")) throw std::runtime_error("cannot write '" + file.string() + "'");
 }
 
 /// Holds the device until the program ends: two servers would take each other's token and port.
 void Claim(const fs::path& root) {
   const int file = open((root / "desk/serving").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
   if (file >= 0 && flock(file, LOCK_EX | LOCK_NB) == 0) return;
-  throw UsageError("the device in '" + root.string() + "' is being served already; end that, or take another --root");
+  const std::string reason = errno == EWOULDBLOCK ? "is being served already" : std::strerror(errno);
+  throw std::runtime_error("the device in '" + root.string() + "' cannot be had: " + reason + "; take another --root");
 }
 
 int Serve(Options options) {
@@ -190,10 +188,11 @@ int ListFaults() {
 int ShowTrace(const Options& options) {
   std::ifstream file(options.subject);
   if (options.subject != "-" && !file) {
-    throw UsageError("cannot read '" + options.subject + "': " + std::strerror(errno));
+    throw std::runtime_error("cannot read '" + options.subject + "': " + std::strerror(errno));
   }
   std::istream& trace = options.subject == "-" ? std::cin : file;
   const bool any = (options.json ? desk::PrintTraceEvents : desk::PrintTrace)(trace, std::cout);
+  if (!any) std::cerr << "webapi-host: '" << options.subject << "' holds no trace\n";
   return any ? kDone : kErrorAnswer;
 }
 
@@ -337,9 +336,9 @@ int Run(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& problem) {
     if (problem.get_exit_code() == 0) return app.exit(problem);
-    throw UsageError(std::string(problem.what()) + "; --help shows how it is used");
+    throw std::runtime_error(std::string(problem.what()) + "; --help shows how it is used");
   }
-  if (app.get_subcommands().empty()) throw UsageError("no command; --help lists them");
+  if (app.get_subcommands().empty()) throw std::runtime_error("no command; --help lists them");
   if (list->parsed()) return List(options);
   if (call->parsed()) return Call(options);
   if (serve->parsed()) return Serve(options);

@@ -149,7 +149,7 @@ bool PrintTraceEvents(std::istream& trace, std::ostream& out) {
                                 {"tid", line["call"]},
                                 {"ts", begin + from},
                                 {"dur", line["us"]}});
-    for (const char* member : {"args", "out", "result", "thrown", "fault"}) {
+    for (const char* member : {"args", "out", "result", "thrown", "fault", "problem"}) {
       if (line.isMember(member)) event["args"][member] = line[member];
     }
     out << separator << ToLine(event);

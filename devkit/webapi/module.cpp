@@ -16,7 +16,7 @@ struct VEXA::APICall {
 
 namespace desk {
 Library::Library(const std::filesystem::path& file)
-    : library_(dlopen(std::filesystem::absolute(file).c_str(), RTLD_NOW | RTLD_LOCAL), &dlclose) {
+    : library_(dlopen(("./" / file).c_str(), RTLD_NOW | RTLD_LOCAL), &dlclose) {
   if (library_ == nullptr) throw ModuleError(std::string("cannot load the module: ") + dlerror());
   entry_ = reinterpret_cast<const APITableEntry* (*)()>(dlsym(library_.get(), "GetAPITable"));
   if (entry_ == nullptr) throw ModuleError("'" + file.string() + "' has no function GetAPITable");
