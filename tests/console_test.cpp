@@ -8,7 +8,6 @@
 
 #include "devkit/device/files.h"
 #include "devkit/webapi/description.h"
-#include "tests/description_check.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {

@@ -1,20 +1,15 @@
-#include "tests/description_check.h"
-
 #include <fnmatch.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <map>
 #include <set>
 #include <stdexcept>
 
-#include "devkit/device/json.h"
 #include "devkit/device/operations.h"
 #include "devkit/webapi/description.h"
+#include "tests/desk_fixture.h"
 
 namespace desk {
 namespace {

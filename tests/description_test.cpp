@@ -4,7 +4,6 @@
 
 #include <set>
 
-#include "tests/description_check.h"
 #include "tests/desk_fixture.h"
 
 namespace desk {

@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <fstream>
 
-#include "tests/description_check.h"
-
 namespace desk {
 namespace fs = std::filesystem;
 
@@ -80,11 +78,11 @@ void DeskTest::Arrange(const std::string& given) {
                                                     {"server", "desk/control-server/state.json"},
                                                     {"script", "desk/control-server/script.json"}};
   for (const std::string& part : Parts(given)) {
-    if (part == "no server") device->control_port = 0;
-    if (part == "no server") continue;
     const size_t equals = part.find('=');
     const auto file = files.find(part.substr(0, equals));
-    if (file == files.end()) {
+    if (part == "no server") {
+      device->control_port = 0;
+    } else if (file == files.end()) {
       device->faults.Add(part);
     } else {
       Write(file->second, part.substr(equals + 1));

@@ -34,7 +34,6 @@ constexpr char kReadyConf[] = R"({"server_id": "7", "server_alias": {"name": "my
 /// Parameters that `set_server_alias` accepts.
 constexpr char kAliasV1[] =
     R"({"server_alias": "mybox", "kova_account": "owner@vexa.example", "kova_password": "owner-password"})";
-constexpr char kAliasV2[] = R"({"server_alias": "mybox"})";
 constexpr char kPasswordDigest[] = "7d65e1f9862de8d6292ba4888e7c3349";
 
 /// A new desk device in a folder of its own, the built module, and no control server until one is started.
@@ -75,6 +74,17 @@ class DeskTest : public testing::Test {
  private:
   std::filesystem::path root_;
 };
+
+/// Holds a call against the description of its method: the payload against the schema; the code, and in `trace` the
+/// log lines and the parameters asked for, against those of the method.
+void CheckCall(const std::string& method, const Outcome& outcome, const std::vector<Json::Value>& trace);
+
+/// Holds an error of the server against the description: that its code is described, with cause and remedy.
+void CheckError(const Json::Value& error);
+
+/// What of `value` is not as `schema` says; empty when all is. Throws `std::logic_error` for a keyword or a type that
+/// it does not know, whatever the value: what is not checked is not to be promised.
+std::string Violation(const Json::Value& schema, const Json::Value& value);
 
 /// The built module.
 const Module& TheModule();

@@ -15,7 +15,6 @@
 
 #include "devkit/device/operation.h"
 #include "devkit/device/operations.h"
-#include "tests/description_check.h"
 #include "tests/desk_fixture.h"
 
 namespace {
@@ -116,8 +115,7 @@ class FaultLoopTest : public DeskTest, public testing::WithParamInterface<Row> {
     Write(kConf, kReadyConf);
     Arrange(GetParam()[2]);
     good_ = Snapshot();
-    server_ = Read("desk/control-server/state.json");
-    states_ = Read("desk/services.json");
+    for (const char* file : {"desk/control-server/state.json", "desk/services.json"}) desk_[file] = Read(file);
     ExpectWorks();
     left_ = Snapshot();
   }
@@ -128,8 +126,7 @@ class FaultLoopTest : public DeskTest, public testing::WithParamInterface<Row> {
     }
     std::filesystem::remove(Path(kAliasStatus));
     for (const char* file : {kConf, kServices}) std::filesystem::remove(Path(std::string(file) + ".bad"));
-    Write("desk/control-server/state.json", server_);
-    Write("desk/services.json", states_);
+    for (const auto& [file, text] : desk_) Write(file, text);
     device->faults.Clear();
   }
 
@@ -201,8 +198,7 @@ class FaultLoopTest : public DeskTest, public testing::WithParamInterface<Row> {
   /// The device's files before the call, and as a good call leaves them.
   std::map<std::string, std::string> good_;
   std::map<std::string, std::string> left_;
-  std::string server_;
-  std::string states_;
+  std::map<std::string, std::string> desk_;
   unsigned runs_ = 0;
 };
 
