@@ -37,9 +37,13 @@ TEST(ErrorCodes, AMapListsAResultOnceAndEndsWith255) {
   expect_map(grgAliasErrorCodeMap);
 }
 
-TEST_F(UtilsTest, ADaemonThatIsOffIsNotStopped) {
-  EXPECT_EQ(NotifyVexarelayd(), 0);
-  EXPECT_EQ(Count("VLIBServiceStop"), 0u);
+/// It is left off, started, reloaded, stopped and left off.
+TEST_F(UtilsTest, ADaemonThatIsNotifiedGivesZero) {
+  for (const bool on : {false, true, true, false, false}) {
+    EXPECT_TRUE(SetEnabled(on));
+    EXPECT_EQ(NotifyVexarelayd(), 0) << on;
+  }
+  EXPECT_EQ(Count("VLIBServiceStop"), 1u);
 }
 
 TEST(Md5, DigestIsLowercaseHexAndTheRestZero) {
