@@ -45,7 +45,7 @@ TEST_F(HostTest, EveryCommandHasItsExitCodeAndItsWords) {
       {"explain utils:46", 1, "webapi-host: nothing is known of 'utils:46'\n"},
       {"explain </dev/null", 1, "no line of the log is the module's"},
       {"explain - </", 2, "standard input cannot be read"},
-      {"list foo", 2, "foo"},
+      {"list --module '" BROKEN_MODULES "/kNoMethodName.so'", 0, R"("method":"")"},
       {"", 2, "webapi-host: "},
   };
   for (const auto& [words, code, said] : cases) {
@@ -70,6 +70,7 @@ TEST_F(HostTest, ATraceIsShownToPeopleAndToViewers) {
     EXPECT_GE(event["ts"].asInt64(), end) << "in order, and none within another";
     end = event["ts"].asInt64() + event["dur"].asInt64();
   }
+  EXPECT_EQ(events[0]["tid"], 1);
   EXPECT_EQ(events.size(), std::count(tree.begin(), tree.end(), '\n') - 2);
   Write("desk/trace", "oops\n");
   const Finished none = RunHost("trace - 2>&1 <" + file);
@@ -314,6 +315,9 @@ TEST_F(RpcTest, WhatIsNoCallHasItsHttpStatus) {
       {Post(head + "Authorization: a\r\nauthorization: b\r\n"), 400},
       {Post(coded + "Content-Length: 72\r\n", chunks), 400},
       {Post(head + "Content-Length : 72\r\n"), 400},
+      {Post(head + "Content-Length:\r\n 72\r\n"), 400},
+      {Post(head + "X: a\rContent-Length: 72\r\n"), 400},
+      {Post(head + "Transfer-Encoding: \r\n"), 501},
       {Post(head + "Content-Length: 7f\r\n"), 400},
       {Post(coded, "5;" + megabyte), 400},
       {Post("Connection: close\r\n" + json), 403},

@@ -70,8 +70,8 @@ struct Desk {
   std::optional<desk::ControlServer> control_server;
 };
 
-/// Threads that start from now on leave the signals that end a server to `WaitForEnd`.
-sigset_t BlockEndSignals() {
+/// Prepares for a long run: threads that start from now on leave the signals that end a server to `WaitForEnd`.
+sigset_t HoldSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
@@ -145,12 +145,12 @@ void Store(const fs::path& file, const std::string& text) {
 void Claim(const fs::path& root) {
   const int file = open((root / "desk/serving").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
   if (file >= 0 && flock(file, LOCK_EX | LOCK_NB) == 0) return;
-  const std::string reason = errno == EWOULDBLOCK ? "is being served already" : std::strerror(errno);
+  const std::string reason = errno == EWOULDBLOCK ? "it is being served already" : std::strerror(errno);
   throw std::runtime_error("the device in '" + root.string() + "' cannot be had: " + reason + "; take another --root");
 }
 
 int Serve(Options options) {
-  const sigset_t signals = BlockEndSignals();
+  const sigset_t signals = HoldSignals();
   const desk::Module module(options.module);
   if (options.trace.empty()) options.trace = (fs::path(options.root) / "desk/trace.jsonl").string();
   Desk desk(options);
@@ -172,7 +172,7 @@ int Serve(Options options) {
 }
 
 int ServeControl(const Options& options) {
-  const sigset_t signals = BlockEndSignals();
+  const sigset_t signals = HoldSignals();
   desk::ControlServer server(options.root);
   const int port = server.Start(options.port);
   std::cerr << "webapi-host: control server on 127.0.0.1:" << port << ", state in " << options.root

@@ -20,7 +20,6 @@
 #include <limits>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -123,14 +122,20 @@ bool Contains(const std::vector<std::string>& texts, const std::string& text) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-/// Puts the name of a header that two readers could take differently under the empty name.
-MHD_Result AddHeader(void* request, MHD_ValueKind, const char* name, const char* value) {
-  static const std::set<std::string> kOnce = {"authorization", "content-length", "content-type",
-                                              "host",          "origin",         "transfer-encoding"};
+/// Puts the name of a header that two readers could take differently under the empty name. To the library the beginning
+/// of a value that is folded onto the next line is a part of the name.
+MHD_Result AddHeader(void* request, MHD_ValueKind, const char* name, size_t name_size, const char* value, size_t size) {
+  constexpr char kToken[] = "!#$%&'*+-.^_`|~0123456789abcdefghijklmnopqrstuvwxyz";
   auto& headers = static_cast<Request*>(request)->headers;
-  const auto [header, is_new] = headers.emplace(Lower(name), value == nullptr ? "" : value);
-  const bool is_odd = header->first.find_first_of(" \t") != std::string::npos;
-  if (is_odd || (!is_new && kOnce.count(header->first) != 0)) headers[""] = header->first;
+  const auto [header, is_new] =
+      headers.emplace(Lower({name, name_size}), std::string(value == nullptr ? "" : value, size));
+  bool is_odd = header->first.find_first_not_of(kToken) != std::string::npos ||
+                header->second.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
+  for (const std::string once :
+       {"authorization", "content-length", "content-type", "host", "origin", "transfer-encoding"}) {
+    is_odd = is_odd || (header->first.rfind(once, 0) == 0 && (!is_new || header->first != once));
+  }
+  if (is_odd) headers[""] = header->first;
   return MHD_YES;
 }
 
@@ -158,9 +163,9 @@ std::optional<Response> CheckFrame(const Request& request, size_t head_bytes) {
   if (head_bytes > kMostHeadBytes) return Refusal(431, "the head of the request is larger than 16 KiB");
   if (const std::string name = request.Header(""); !name.empty())
     return Refusal(400, "the header '" + name + "' is repeated or broken");
-  const std::string coding = Lower(request.Header("transfer-encoding"));
-  if (coding.empty()) return std::nullopt;
-  if (coding != "chunked") return Refusal(501, "no transfer encoding but 'chunked' is served");
+  if (request.headers.count("transfer-encoding") == 0) return std::nullopt;
+  if (Lower(request.Header("transfer-encoding")) != "chunked")
+    return Refusal(501, "no transfer encoding but 'chunked' is served");
   if (request.headers.count("content-length") == 0) return std::nullopt;
   return Refusal(400, "both Content-Length and Transfer-Encoding are sent");
 }
@@ -322,7 +327,7 @@ class Server::Loop {
     Request& request = connection.request;
     request.method = method;
     request.path = PathOf(path);
-    MHD_get_connection_values(connection.handle, MHD_HEADER_KIND, &AddHeader, &request);
+    MHD_get_connection_values_n(connection.handle, MHD_HEADER_KIND, &AddHeader, &request);
     const auto* head = MHD_get_connection_info(connection.handle, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);
     connection.response = CheckFrame(request, head->header_size);
     if (connection.response) return Answer(connection, rules_.origins);
@@ -394,7 +399,8 @@ class Server::Loop {
   void Work() {
     std::unique_lock lock(mutex_);
     while (!ended_) {
-      const auto fits = [this, waits = false](const Connection* waiting) mutable {
+      bool waits = false;
+      const auto fits = [&](const Connection* waiting) {
         const size_t bytes = BytesAtWork(*waiting);
         waits = waits || bytes_at_work_ + bytes > kMostBytesAtWork;
         return bytes == 0 || !waits;
