@@ -88,6 +88,6 @@ def main(module, debug_file, expected=None):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) not in (3, 4):
+    if len(sys.argv) not in (3, 4) or (sys.argv[1] == "--symbols" and len(sys.argv) == 3):
         sys.exit(__doc__)
     main(*sys.argv[1:])
