@@ -122,6 +122,9 @@ TEST_F(ConsoleTest, NothingOutsideTheDeviceIsReached) {
 TEST_F(ConsoleTest, StartsAfresh) {
   EXPECT_EQ(Ask("control_state"), Json::Value(Json::objectValue)) << "there is none";
   StartControlServer();
+  Write("desk/control-server/state.json", "{}");
+  Ask("reset_file", Object({{"path", "/desk/control-server/state.json"}}));
+  EXPECT_EQ(Ask("control_state")["accounts"].size(), 2u);
   Ask("set_control_script", ParseJson(R"({"script": [{"error": 102}]})"));
   EXPECT_EQ(Ask("control_script")[0]["error"], 102);
   EXPECT_TRUE(Refuses("set_control_script", ParseJson(R"({"script": [[]]})")));

@@ -120,7 +120,7 @@ struct Finished {
   std::string out;
 };
 
-/// Runs `webapi-host` with shell words; standard error follows standard output where `words` end in 2>&1.
+/// Runs `webapi-host` with shell words, which may have 2>&1 among them.
 Finished RunHost(const std::string& words);
 
 }  // namespace desk

@@ -60,6 +60,9 @@ TEST_F(DeskTest, StoredFaultsAreReadWithTheDevice) {
   Write("desk/faults", "nonsense\n");
   device.reset();
   EXPECT_THROW(Device{root}, std::runtime_error);
+  std::filesystem::remove(root / "desk/faults");
+  std::filesystem::create_directory(root / "desk/faults");
+  EXPECT_THROW(Device{root}, std::runtime_error);
 }
 
 TEST_F(DeskTest, TheSettingsFileKeepsItsOtherLines) {

@@ -1,4 +1,4 @@
-// Every single fault: for some good requests of each method, the n-th operation of the platform or the file system
+// Every single fault: for the whole calls of each method, the n-th operation of the platform or the file system
 // fails, or throws, and the n-th allocation that the module makes or has its libraries make fails; once, and from
 // then on; for n = 1, 2, 3 until none does. What the stand-in allocates for itself never fails.
 
@@ -77,8 +77,8 @@ namespace desk {
 namespace {
 
 /// What the failure of an operation, or of a method's, may lead to.
-std::map<std::string, std::vector<std::string>> ReadMeanings() {
-  std::map<std::string, std::vector<std::string>> meanings;
+std::map<std::string, Names> ReadMeanings() {
+  std::map<std::string, Names> meanings;
   for (const Row& row : ReadTable("meanings.txt")) {
     for (const std::string& operation : Split(row[2], " ")) meanings[operation] = Parts(row[1]);
   }
@@ -87,11 +87,10 @@ std::map<std::string, std::vector<std::string>> ReadMeanings() {
 
 /// Whether the failure of a method's operation may lead to this outcome, as meanings.txt has it.
 bool MayLeadTo(const std::string& method, const std::string& operation, const std::string& outcome) {
-  static const std::map<std::string, std::vector<std::string>> meanings = ReadMeanings();
+  static const std::map<std::string, Names> meanings = ReadMeanings();
   for (const std::string& name : {method + ":" + operation, operation}) {
-    const auto outcomes = meanings.find(name);
-    if (outcomes == meanings.end()) continue;
-    return std::find(outcomes->second.begin(), outcomes->second.end(), outcome) != outcomes->second.end();
+    const auto known = meanings.find(name);
+    if (known != meanings.end()) return std::count(known->second.begin(), known->second.end(), outcome) > 0;
   }
   return outcome == (IsConstructor(operation) ? "throws" : "2900");
 }
@@ -103,7 +102,7 @@ bool IsBetween(const Json::Value& now, const Json::Value& before, const Json::Va
   for (const std::string& name : before.getMemberNames()) {
     if (after.isMember(name) && !now.isMember(name)) return false;
   }
-  const std::vector<std::string> names = now.getMemberNames();
+  const Names names = now.getMemberNames();
   return std::all_of(names.begin(), names.end(),
                      [&](const std::string& name) { return IsBetween(now[name], before[name], after[name]); });
 }
@@ -163,7 +162,7 @@ class FaultLoopTest : public DeskTest, public testing::WithParamInterface<Row> {
 
   /// An exception passes out of every method; no function of the file system throws one, though, but fails. Several
   /// failures come to a success only where each of them may.
-  void CheckMeaning(const Outcome& outcome, const std::vector<std::string>& met, bool throws) {
+  void CheckMeaning(const Outcome& outcome, const Names& met, bool throws) {
     const std::string result = outcome.thrown ? "throws" : std::to_string(outcome.answers.at(0).code);
     if (throws && Operations()[met.front()]["result"] != "error") {
       EXPECT_EQ(result, "throws");
