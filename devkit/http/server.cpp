@@ -17,9 +17,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -122,20 +124,20 @@ bool Contains(const std::vector<std::string>& texts, const std::string& text) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
-/// Puts the name of a header that two readers could take differently under the empty name. To the library the beginning
-/// of a value that is folded onto the next line is a part of the name.
+/// Puts the name of a header that two readers could take differently under the empty name.
 MHD_Result AddHeader(void* request, MHD_ValueKind, const char* name, size_t name_size, const char* value, size_t size) {
+  static const std::set<std::string> kOnce = {"authorization", "content-length", "content-type",
+                                              "host",          "origin",         "transfer-encoding"};
   constexpr char kToken[] = "!#$%&'*+-.^_`|~0123456789abcdefghijklmnopqrstuvwxyz";
   auto& headers = static_cast<Request*>(request)->headers;
-  const auto [header, is_new] =
-      headers.emplace(Lower({name, name_size}), std::string(value == nullptr ? "" : value, size));
-  bool is_odd = header->first.find_first_not_of(kToken) != std::string::npos ||
-                header->second.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
-  for (const std::string once :
-       {"authorization", "content-length", "content-type", "host", "origin", "transfer-encoding"}) {
-    is_odd = is_odd || (header->first.rfind(once, 0) == 0 && (!is_new || header->first != once));
+  const auto [header, is_new] = headers.emplace(Lower({name, name_size}), std::string(value, size));
+  // The library copies the lines of a folded header behind the head, and lets a name end where a value was folded.
+  const bool is_folded = std::less<>()(value, name + name_size);
+  const bool is_name = header->first.find_first_not_of(kToken) == std::string::npos;
+  const bool is_repeated = !is_new && kOnce.count(header->first) != 0;
+  if (is_folded || !is_name || is_repeated || header->second.find('\r') != std::string::npos) {
+    headers[""] = header->first;
   }
-  if (is_odd) headers[""] = header->first;
   return MHD_YES;
 }
 
@@ -162,7 +164,7 @@ size_t BodyBytes(const Request& request) {
 std::optional<Response> CheckFrame(const Request& request, size_t head_bytes) {
   if (head_bytes > kMostHeadBytes) return Refusal(431, "the head of the request is larger than 16 KiB");
   if (const std::string name = request.Header(""); !name.empty())
-    return Refusal(400, "the header '" + name + "' is repeated or broken");
+    return Refusal(400, "the header '" + name + "' is repeated, folded or broken");
   if (request.headers.count("transfer-encoding") == 0) return std::nullopt;
   if (Lower(request.Header("transfer-encoding")) != "chunked")
     return Refusal(501, "no transfer encoding but 'chunked' is served");
