@@ -2,10 +2,9 @@
 """Prints the binary interface of a module: what it exports, what it asks of others, and the layouts it relies on.
 
 Usage: record.py MODULE DEBUG_FILE [RECORD]
-       record.py --symbols MODULE RECORD
 DEBUG_FILE is what was stripped from MODULE, or MODULE again where it is not stripped.
-With RECORD, compares with that file instead: prints the differences and exits with 1 when there are any. With --symbols
-only what every build of every architecture has: links, exports, and what is asked of the platform.
+With RECORD, compares with that file instead: prints the differences and exits with 1 when there are any. With an empty
+DEBUG_FILE only what every build of every architecture has: links, exports, and what is asked of the platform.
 """
 import difflib
 import re
@@ -19,7 +18,6 @@ CLASSES = {
     "VEXA::Relay::UpnpConf", "VEXA::Relay::RelaydConf", "VEXA::Relay::AliasStatus", "VEXA::Relay::AliasRequest",
     "VEXA::Relay::Request", "Json::Value",
 }
-
 
 # The C and C++ run-time and libcrypto version their symbols; jsoncpp's are those of its namespace.
 OF_EVERY_BUILD = re.compile(r"(?!size |offset |slot |imports (.*@|(vtable for )?Json::|_))")
@@ -70,8 +68,6 @@ def record(module, debug_file):
 
 
 def main(module, debug_file, expected=None):
-    if module == "--symbols":
-        module, debug_file = debug_file, None
     found = record(module, debug_file)
     if expected is None:
         return print("\n".join(found))
@@ -88,6 +84,6 @@ def main(module, debug_file, expected=None):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) not in (3, 4) or (sys.argv[1] == "--symbols" and len(sys.argv) == 3):
+    if len(sys.argv) not in (3, 4):
         sys.exit(__doc__)
     main(*sys.argv[1:])

@@ -13,7 +13,7 @@ help() { printf '%s\n' "$own_comment"; }
 
 # Ends the script for a mistake of its caller's, which the words name.
 usage() {
-  say "${*:-the arguments are wrong: $given}"
+  say "${*:-the arguments are wrong: ${given:-there are none}}"
   help >&2
   exit 2
 }

@@ -22,8 +22,8 @@ std::string FullName(const std::string& method) {
 
 APIHandler FindHandler(const std::string& method) { return TheModule().Find(FullName(method)); }
 
-std::vector<std::string> Split(const std::string& text, const std::string& separator) {
-  std::vector<std::string> parts;
+Names Split(const std::string& text, const std::string& separator) {
+  Names parts;
   size_t start = 0;
   for (size_t end; (end = text.find(separator, start)) != std::string::npos; start = end + separator.size()) {
     parts.push_back(text.substr(start, end - start));
@@ -37,7 +37,7 @@ std::vector<Row> ReadTable(const std::string& name) {
   std::ifstream file(std::string(DATA_FOLDER "/") + name);
   for (std::string line; std::getline(file, line);) {
     if (line.empty() || line[0] == '#') continue;
-    std::vector<std::string> cells = Split(line, " | ");
+    Names cells = Split(line, " | ");
     cells.resize(rows.emplace_back().size(), "-");
     std::move(cells.begin(), cells.end(), rows.back().begin());
   }
@@ -53,9 +53,7 @@ std::string NameOfRow(const testing::TestParamInfo<Row>& row) {
 
 std::string MethodOf(const Row& row) { return row[0].substr(0, row[0].find(' ')); }
 
-std::vector<std::string> Parts(const std::string& cell) {
-  return cell == "-" ? std::vector<std::string>() : Split(cell, " ; ");
-}
+Names Parts(const std::string& cell) { return cell == "-" ? Names() : Split(cell, " ; "); }
 
 std::string Params(const std::string& cell) {
   const std::map<std::string, std::string> names = {
@@ -133,9 +131,9 @@ Answer DeskTest::CallMethod(const std::string& method, const std::string& params
   return outcome.answers.empty() ? Answer{false, -1, Json::Value()} : outcome.answers.front();
 }
 
-std::vector<std::string> DeskTest::Logs() const {
+Names DeskTest::Logs() const {
   constexpr int kDebug = 7;
-  std::vector<std::string> logs;
+  Names logs;
   for (const Json::Value& line : device->trace.Lines()) {
     const std::string priority = line["args"][0] == kDebug ? "debug " : "";
     if (line["op"] == "syslog") logs.push_back(priority + line["args"][1].asString());

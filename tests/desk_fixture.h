@@ -49,7 +49,7 @@ class DeskTest : public testing::Test {
   Outcome TryMethod(const std::string& method, const Json::Value& params, bool admin = true);
 
   /// Log lines of the last call, "debug " before those of debug priority.
-  std::vector<std::string> Logs() const;
+  Names Logs() const;
   /// How often the last call asked for an operation.
   unsigned Count(const std::string& operation) const;
 
@@ -104,10 +104,10 @@ std::string NameOfRow(const testing::TestParamInfo<Row>& row);
 /// The method that the name of a row of calls begins with.
 std::string MethodOf(const Row& row);
 
-std::vector<std::string> Split(const std::string& text, const std::string& separator);
+Names Split(const std::string& text, const std::string& separator);
 
 /// The parts of a table's cell, apart by " ; ".
-std::vector<std::string> Parts(const std::string& cell);
+Names Parts(const std::string& cell);
 
 /// The parameters that a table's cell stands for: on, off, alias, long (a list beyond a stream's buffer), or JSON.
 std::string Params(const std::string& cell);
